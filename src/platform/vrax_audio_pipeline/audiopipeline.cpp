@@ -43,6 +43,7 @@ struct Session
     std::vector<std::uint8_t> payload;
     std::vector<std::uint8_t> reply;
     bool handshakeDone = false;
+    bool refused = false; // nothing more is read; the connection ends once the reply is out
     bool sequenceOpen = false;
     bool waitingForResume = false;
     std::optional<Clock::time_point> clockStart;
@@ -137,7 +138,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                                  self->drop(error);
                                  return;
                              }
-                             if (s != self->session || !s->socket.is_open())
+                             if (s != self->session || !s->socket.is_open() || s->refused)
                                  return;
                              if (due && *due > Clock::now()) {
                                  s->timer.expires_at(*due);
@@ -294,8 +295,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         if (!accepted) {
             LOG4CPLUS_INFO(logger, "Refusing sender: " << reason);
             count([](AudioPipelineCounters& c) { ++c.refusedHandshakes; });
-            // Nothing more is read; the connection ends once the reply is out.
-            s.waitingForResume = false;
+            s.refused = true;
             return true;
         }
         s.handshakeDone = true;
