@@ -42,20 +42,25 @@ QByteArray pcmPattern(int size)
     return bytes;
 }
 
+// What the pipeline's hooks saw, with runs of "audio" folded into one. Kept in std containers:
+// Qt's implicitly shared ones would be shared across threads by uninstrumented Qt code.
 struct Events
 {
     std::mutex mutex;
-    QStringList list;
-    void add(const QString& e)
+    std::vector<std::string> list;
+    void add(const std::string& e)
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (!(e == "audio" && !list.isEmpty() && list.last() == "audio"))
-            list << e;
+        if (!(e == "audio" && !list.empty() && list.back() == "audio"))
+            list.push_back(e);
     }
     QStringList all()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        return list;
+        QStringList result;
+        for (const std::string& e : list)
+            result << QString::fromStdString(e);
+        return result;
     }
 };
 
@@ -69,7 +74,7 @@ std::unique_ptr<vrax::AudioPipeline> startPipeline(const QString& wav, Events* e
     if (events) {
         vrax::AudioPipelineHooks hooks;
         hooks.sequenceStarted = [events](const audioUtils::PcmAudioInfo& f) {
-            events->add(QString("start %1/%2").arg(f.sampleRate()).arg(f.channels()));
+            events->add("start " + std::to_string(f.sampleRate()) + "/" + std::to_string(f.channels()));
         };
         hooks.audioArrived = [events](const std::uint8_t*, std::size_t) { events->add("audio"); };
         hooks.flushed = [events] { events->add("flush"); };

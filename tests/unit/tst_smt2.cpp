@@ -17,20 +17,24 @@
 
 namespace {
 
-// Everything the pipeline tells its hooks, in order, as short texts.
+// Everything the pipeline tells its hooks, in order, as short texts. Kept in std containers:
+// Qt's implicitly shared ones would be shared across threads by uninstrumented Qt code.
 struct EventLog
 {
     std::mutex mutex;
-    QStringList events;
+    std::vector<std::string> events;
     void add(const QString& e)
     {
         std::lock_guard<std::mutex> lock(mutex);
-        events << e;
+        events.push_back(e.toStdString());
     }
     QStringList all()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        return events;
+        QStringList list;
+        for (const std::string& e : events)
+            list << QString::fromStdString(e);
+        return list;
     }
     vrax::AudioPipelineHooks hooks()
     {
