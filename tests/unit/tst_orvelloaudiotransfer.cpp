@@ -215,7 +215,7 @@ private slots:
         pipeline->setReadingPaused(true);
 
         // A receiver that does not read: processData must soon take nothing more.
-        const QByteArray pcm = pcmPattern(32 << 20);
+        const QByteArray pcm = pcmPattern(8 << 20);
         int accepted = 0;
         auto idleSince = std::chrono::steady_clock::now();
         while (accepted < pcm.size() && std::chrono::steady_clock::now() - idleSince < std::chrono::milliseconds(300)) {
@@ -228,7 +228,7 @@ private slots:
         QVERIFY2(accepted < 4 << 20, qPrintable(QString::number(accepted)));
 
         pipeline->setReadingPaused(false);
-        accepted += feed(transfer, pcm, accepted, (8 << 20) - accepted);
+        accepted += feed(transfer, pcm, accepted, pcm.size() - accepted);
         transfer.sendStreamEnd();
         WAIT_VERIFY(pipeline->counters().bytes == quint64(accepted));
         pipeline->stop();

@@ -62,35 +62,40 @@ struct Client
         sender.setTransportChannel(channel);
         sender.onStateChange([this](smt2::Sender::State, smt2::Sender::State s) {
             std::lock_guard<std::mutex> lock(mutex);
-            states << int(s);
+            states.push_back(int(s));
         });
         sender.onHandshakeFailed([this](smt2::Error e) {
             std::lock_guard<std::mutex> lock(mutex);
-            handshakeFailures << QString::fromStdString(e.details.asHash().at("reason").asString());
+            handshakeFailures.push_back(e.details.asHash().at("reason").asString());
         });
     }
     QList<int> stateList()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        return states;
+        return QList<int>(states.begin(), states.end());
     }
     QStringList failures()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        return handshakeFailures;
+        QStringList list;
+        for (const std::string& f : handshakeFailures)
+            list << QString::fromStdString(f);
+        return list;
     }
     smt2::Future<smt2::ErrorID> send(const std::vector<unsigned char>& bytes)
     {
         return sender.sendAudioData(miscUtils::NoTimeValue, miscUtils::NoTimeValue, bytes);
     }
 
+    // Declared first: the sender's handlers may run until the sender is gone. Std containers,
+    // as Qt's implicitly shared ones are shared across threads inside uninstrumented Qt code.
+    std::mutex mutex;
+    std::vector<int> states;
+    std::vector<std::string> handshakeFailures;
     miscUtils::IOEventLoopThread loop;
     smt2::BufferPool pool;
     smt2::UnixClientSocketChannel channel;
     smt2::AudioSender sender;
-    std::mutex mutex;
-    QList<int> states;
-    QStringList handshakeFailures;
 };
 
 miscUtils::VariantHash pcm(int rate, int channels)
