@@ -201,9 +201,9 @@ private slots:
         QCOMPARE(pipeline.counters().underruns, quint64(1));
     }
 
-    void sinkSpecs_data()
+    void sinkOutputs_data()
     {
-        QTest::addColumn<QString>("spec");
+        QTest::addColumn<QString>("output");
         QTest::addColumn<QString>("error");
         QTest::newRow("null") << "null" << QString();
         QTest::newRow("wav") << "wav:/x.wav" << QString();
@@ -211,12 +211,12 @@ private slots:
         QTest::newRow("unknown") << "pulse" << "unknown audio output \"pulse\" (wav:FILE, null or alsa[:DEVICE])";
     }
 
-    void sinkSpecs()
+    void sinkOutputs()
     {
-        QFETCH(QString, spec);
+        QFETCH(QString, output);
         QFETCH(QString, error);
         std::string reason;
-        const auto sink = vrax::makeAudioSink(spec.toStdString(), &reason);
+        const auto sink = vrax::makeAudioSink(output.toStdString(), &reason);
         QCOMPARE(bool(sink), error.isEmpty());
         QCOMPARE(QString::fromStdString(reason), error);
     }

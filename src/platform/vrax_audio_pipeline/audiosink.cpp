@@ -237,20 +237,20 @@ std::unique_ptr<AudioSink> makeAlsaSink(const std::string& device)
 #endif
 }
 
-std::unique_ptr<AudioSink> makeAudioSink(const std::string& spec, std::string* error)
+std::unique_ptr<AudioSink> makeAudioSink(const std::string& output, std::string* error)
 {
-    if (spec == "null")
+    if (output == "null")
         return makeNullSink();
-    if (spec.rfind("wav:", 0) == 0 && spec.size() > 4)
-        return makeWavSink(spec.substr(4));
-    if (spec == "alsa" || spec.rfind("alsa:", 0) == 0) {
-        auto sink = makeAlsaSink(spec.size() > 5 ? spec.substr(5) : std::string());
+    if (output.rfind("wav:", 0) == 0 && output.size() > 4)
+        return makeWavSink(output.substr(4));
+    if (output == "alsa" || output.rfind("alsa:", 0) == 0) {
+        auto sink = makeAlsaSink(output.size() > 5 ? output.substr(5) : std::string());
         if (!sink && error)
             *error = "this build has no ALSA support";
         return sink;
     }
     if (error)
-        *error = "unknown audio output \"" + spec + "\" (wav:FILE, null or alsa[:DEVICE])";
+        *error = "unknown audio output \"" + output + "\" (wav:FILE, null or alsa[:DEVICE])";
     return nullptr;
 }
 

@@ -42,6 +42,6 @@ bool alsaAvailable();
 
 // A sink from its command-line form: "wav:FILE", "null" or "alsa[:DEVICE]". Null with the reason
 // in error when the text is not one of these.
-std::unique_ptr<AudioSink> makeAudioSink(const std::string& spec, std::string* error);
+std::unique_ptr<AudioSink> makeAudioSink(const std::string& output, std::string* error);
 
 } // namespace vrax
