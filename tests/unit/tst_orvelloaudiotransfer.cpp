@@ -206,6 +206,28 @@ private slots:
         QVERIFY(file == pcm);
     }
 
+    void handshakingIsConnectedButNotStreaming()
+    {
+        auto pipeline = startPipeline(QString());
+        pipeline->setReadingPaused(true); // the handshake waits for the pipeline
+        OrvelloAudioTransfer transfer;
+        CMReply<void> reply = transfer.connect();
+        WAIT_VERIFY(m_log.contains(INFO_LOG_LEVEL, "SMT changed state from 1 to 2"));
+        QVERIFY(transfer.connected());
+        const QByteArray data(64, 'x');
+        QCOMPARE(transfer.processData(data.constData(), size_t(data.size())), 0);
+        QVERIFY(m_log.contains(DEBUG_LOG_LEVEL, kNotConnected));
+        QVERIFY(!reply.isFinished());
+        pipeline->setReadingPaused(false);
+        QVERIFY(answered(reply));
+        QVERIFY(!reply.isError());
+        transfer.setStreamFormat(2, 44100);
+        WAIT_VERIFY(transfer.processData(data.constData(), size_t(data.size())) == data.size());
+        transfer.close();
+        QVERIFY(!transfer.connected());
+        QCOMPARE(m_log.messages(INFO_LOG_LEVEL, "OrvelloAudioTransfer").last(), QStringLiteral("SMT changed state from 3 to 0"));
+    }
+
     void backPressure()
     {
         auto pipeline = startPipeline(wavPath());
