@@ -9,6 +9,7 @@
 #include "model/cmworker.h"
 #include "vrax/vraxpaths.h"
 
+#include <QLibrary>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -73,6 +74,55 @@ class TestOPlayerRef : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
+        qputenv("OPLAYER_REF_TRACK_SECONDS", "2");
+    }
+
+    void createRejectsBadRecords_data()
+    {
+        QTest::addColumn<int>("change");
+        QTest::addColumn<QByteArray>("trackSeconds");
+        QTest::addColumn<int>("error");
+        QTest::newRow("valid") << 0 << QByteArray("2") << 0;
+        QTest::newRow("no audio table") << 1 << QByteArray("2") << 22;
+        QTest::newRow("wrong init tag") << 2 << QByteArray("2") << 22;
+        QTest::newRow("no channels") << 3 << QByteArray("2") << 23;
+        QTest::newRow("1000 channels") << 4 << QByteArray("2") << 23;
+        QTest::newRow("rate 0") << 5 << QByteArray("2") << 23;
+        QTest::newRow("rate 10 MHz") << 6 << QByteArray("2") << 23;
+        QTest::newRow("track seconds not a number") << 0 << QByteArray("two") << 24;
+        QTest::newRow("track seconds 0") << 0 << QByteArray("0") << 24;
+    }
+
+    void createRejectsBadRecords()
+    {
+        QFETCH(int, change);
+        QFETCH(QByteArray, trackSeconds);
+        QFETCH(int, error);
+        qputenv("OPLAYER_REF_TRACK_SECONDS", trackSeconds);
+        QLibrary file(QStringLiteral(OPLAYER_REF_1_0_0));
+        QVERIFY2(file.load(), qPrintable(file.errorString()));
+        auto* api = reinterpret_cast<const oplayer_api*>(file.resolve(OPLAYER_API_SYMBOL));
+        QVERIFY(api);
+        OPlayerPlaybackApi bridge;
+        oplayer_create_params params{};
+        params.init_tag = OPLAYER_INIT_TAG;
+        params.audio_api = bridge.getAudioApi();
+        params.output_channels = 2;
+        params.output_sample_rate = 48000;
+        switch (change) {
+        case 1: params.audio_api = nullptr; break;
+        case 2: params.init_tag = 4; break;
+        case 3: params.output_channels = 0; break;
+        case 4: params.output_channels = 1000; break;
+        case 5: params.output_sample_rate = 0; break;
+        case 6: params.output_sample_rate = 10000000; break;
+        }
+        oplayer* player = reinterpret_cast<oplayer*>(0x1);
+        QCOMPARE(api->create(params, &player), error);
+        QCOMPARE(player == nullptr, error != 0);
+        if (player)
+            api->destroy(player);
+        QVERIFY(file.unload());
         qputenv("OPLAYER_REF_TRACK_SECONDS", "2");
     }
 
