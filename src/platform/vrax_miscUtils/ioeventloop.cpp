@@ -83,12 +83,13 @@ IOEventLoopThread::IOEventLoopThread(unsigned long drainTimeoutMs, const std::st
     d->drainTimeoutMs = drainTimeoutMs;
     Private* p = d.get();
     d->thread = std::thread([p] {
-        pthread_setname_np(pthread_self(), p->name.substr(0, 15).c_str());
         p->loop->run();
         std::lock_guard<std::mutex> lock(p->mutex);
         p->finished = true;
         p->finishedChanged.notify_all();
     });
+    // Named from here, so the name is there once the constructor returns.
+    pthread_setname_np(d->thread.native_handle(), name.substr(0, 15).c_str());
 }
 
 IOEventLoopThread::~IOEventLoopThread()
