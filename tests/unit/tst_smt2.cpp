@@ -253,7 +253,7 @@ private slots:
         smt2::Future<smt2::ErrorID> last;
         for (int i = 0; i < 1000; ++i) {
             last = client.send(chunk);
-            if (!waitFor([&] { return last.isReady(); }, std::chrono::milliseconds(300)))
+            if (!waitFor([&] { return last.isReady(); }, std::chrono::milliseconds(1000)))
                 break;
             QCOMPARE(code(last.get()), code(smt2::ErrorID::Success));
             sent += chunk.size();
