@@ -1,5 +1,8 @@
 #include "TestPlatform.h"
 
+#include <log4cplus/logger.h>
+#include <log4cplus/nullappender.h>
+
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -10,6 +13,10 @@
 TestPlatform::TestPlatform(const QVariantHash& settings)
     : m_previousDir(QDir::currentPath()), m_platform(std::make_unique<vrax::Platform>())
 {
+    // Log lines go nowhere unless a test captures them.
+    log4cplus::Logger root = log4cplus::Logger::getRoot();
+    if (root.getAllAppenders().empty())
+        root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
     if (!m_dir.isValid())
         qFatal("cannot create a temporary directory");
     QDir::setCurrent(m_dir.path());

@@ -27,6 +27,8 @@ struct CMVoidReply::State
 
     mutable std::mutex mutex;
     bool finished = false;
+    // A cancelled reply may still be answered by its producer; that answer is dropped quietly.
+    bool cancelled = false;
     QVariant value;
     CMError error;
     std::vector<Watcher> watchers;
@@ -89,7 +91,7 @@ void CMVoidReply::cancel()
 {
     CMError error(TrString(QStringLiteral("CMVoidReply"), "Cancelled"));
     error.insert(CMError::Name(), ErrorCancel());
-    finish(QVariant(), error, false);
+    finish(QVariant(), error, false, true);
 }
 
 QString CMVoidReply::ErrorCancel()
@@ -97,17 +99,18 @@ QString CMVoidReply::ErrorCancel()
     return QStringLiteral("vrax.cancelled");
 }
 
-bool CMVoidReply::finish(const QVariant& value, const CMError& error, bool warnIfFinished)
+bool CMVoidReply::finish(const QVariant& value, const CMError& error, bool warnIfFinished, bool cancelling)
 {
     std::vector<State::Watcher> watchers;
     {
         std::lock_guard<std::mutex> lock(d->mutex);
         if (d->finished) {
-            if (warnIfFinished)
+            if (warnIfFinished && !d->cancelled)
                 LOG4CPLUS_WARN(logger, "Reply answered twice; the second answer (" << error << ") is dropped");
             return false;
         }
         d->finished = true;
+        d->cancelled = cancelling;
         d->value = value;
         d->error = error;
         watchers.swap(d->watchers);

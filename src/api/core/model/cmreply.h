@@ -31,7 +31,8 @@ public:
     // second answer is logged as a programming error.
     void setValue();
     void setError(const CMError& error);
-    // Answers with the cancel error; nothing happens when the reply is already answered.
+    // Answers with the cancel error; nothing happens when the reply is already answered. The
+    // producer's later answer to a cancelled reply is dropped without complaint.
     void cancel();
 
     // Name of the error that cancel() sets.
@@ -51,7 +52,7 @@ public:
 
 protected:
     // Answers once; returns false when the reply was answered already.
-    bool finish(const QVariant& value, const CMError& error, bool warnIfFinished);
+    bool finish(const QVariant& value, const CMError& error, bool warnIfFinished, bool cancelling = false);
     QVariant rawValue() const;
     // run gets the answer (value and error) once it is given.
     using Watch = std::function<void(const QVariant& value, const CMError& error)>;

@@ -1,0 +1,204 @@
+#include "deviceplayer.h"
+
+#include "playframeworkaccess.h"
+
+#include "audiopipeline.h"
+#include "vrax/vraxassert.h"
+
+#include <QMetaObject>
+
+namespace vrax {
+
+namespace {
+DevicePlayer* s_instance = nullptr;
+const QString kSmt2Scheme = QStringLiteral("smt2://");
+
+CMError playerError(const char* source, const QList<TrArg>& args = {})
+{
+    return CMError(TrString(QStringLiteral("vrax::DevicePlayer"), source, args));
+}
+
+CMVoidReply failed(const CMError& error)
+{
+    CMVoidReply reply;
+    reply.setError(error);
+    return reply;
+}
+} // namespace
+
+DevicePlayer::DevicePlayer(const std::string& sinkSpec, AudioPace pace)
+    : m_sinkSpec(sinkSpec), m_pace(pace), m_audioPosted(std::make_shared<std::atomic<bool>>(false))
+{
+    VRAX_ASSERT(s_instance == nullptr);
+    s_instance = this;
+    m_clock.setInterval(1000);
+    connect(&m_clock, &QTimer::timeout, this, &DevicePlayer::onClock);
+}
+
+DevicePlayer::~DevicePlayer()
+{
+    m_pipeline.reset();
+    s_instance = nullptr;
+}
+
+DevicePlayer* DevicePlayer::instance()
+{
+    return s_instance;
+}
+
+CMVoidReply DevicePlayer::play(const VraxRoles& roles, bool startPaused)
+{
+    const CMPath path = roles.mediaData().metaData().playLogicPath();
+    PlayLogicBase* logic = PlayFrameworkAccess::find(path);
+    if (!logic)
+        return failed(playerError("There is no play logic at %1", {path.toString()}));
+    if (m_current && m_current != logic)
+        close(m_current);
+    m_lastRoles = roles;
+    return logic->play(roles, startPaused);
+}
+
+CMVoidReply DevicePlayer::pause()
+{
+    if (!m_current)
+        return failed(playerError("Nothing is playing"));
+    return m_current->pause();
+}
+
+CMVoidReply DevicePlayer::stop()
+{
+    if (!m_current) {
+        CMVoidReply reply;
+        reply.setValue();
+        return reply;
+    }
+    return m_current->stop();
+}
+
+CMVoidReply DevicePlayer::resume()
+{
+    if (m_current && m_current->data().state() == VraxPlayLogicData::Paused)
+        return m_current->pause();
+    if (m_current && m_current->data().state() != VraxPlayLogicData::Stopped) {
+        CMVoidReply reply;
+        reply.setValue();
+        return reply;
+    }
+    if (m_lastRoles.mediaData().resources().isEmpty())
+        return failed(playerError("Nothing to play"));
+    return play(m_lastRoles, false);
+}
+
+VraxPlayLogicData DevicePlayer::data() const
+{
+    return m_current ? m_current->data() : VraxPlayLogicData();
+}
+
+bool DevicePlayer::ensurePipeline(const std::string& socketPath, QString* error)
+{
+    if (m_pipeline && m_pipeline->socketPath() == socketPath && m_pipeline->isListening())
+        return true;
+    if (!m_pipeline || m_pipeline->socketPath() != socketPath) {
+        std::string why;
+        std::unique_ptr<AudioSink> sink = makeAudioSink(m_sinkSpec, &why);
+        if (!sink) {
+            *error = QString::fromStdString(why);
+            return false;
+        }
+        m_pipeline = std::make_unique<AudioPipeline>(socketPath, std::move(sink), m_pace);
+        AudioPipelineHooks hooks;
+        std::shared_ptr<std::atomic<bool>> posted = m_audioPosted;
+        QPointer<DevicePlayer> self(this);
+        hooks.audioArrived = [self, posted](const std::uint8_t*, std::size_t) {
+            // One event per burst of audio, not one per chunk.
+            if (!posted->exchange(true))
+                QMetaObject::invokeMethod(self.data(), [self] { if (self) self->onAudio(); }, Qt::QueuedConnection);
+        };
+        hooks.senderConnected = [self] {
+            QMetaObject::invokeMethod(self.data(), [self] { if (self) Q_EMIT self->senderChanged(true); },
+                                      Qt::QueuedConnection);
+        };
+        hooks.senderDisconnected = [self] {
+            QMetaObject::invokeMethod(self.data(), [self] { if (self) Q_EMIT self->senderChanged(false); },
+                                      Qt::QueuedConnection);
+        };
+        m_pipeline->setHooks(std::move(hooks));
+    }
+    std::string why;
+    if (!m_pipeline->start(&why)) {
+        *error = QString::fromStdString(why);
+        return false;
+    }
+    return true;
+}
+
+CMVoidReply DevicePlayer::open(PlayLogicBase* logic, const VraxRoles& roles)
+{
+    const QList<VraxResource> resources = roles.mediaData().resources();
+    const QString uri = resources.isEmpty() ? QString() : resources.first().uri();
+    if (!uri.startsWith(kSmt2Scheme) || uri.size() == kSmt2Scheme.size())
+        return failed(playerError("Cannot play %1: only smt2:// streams are supported", {uri}));
+    QString why;
+    if (!ensurePipeline(uri.mid(kSmt2Scheme.size()).toStdString(), &why))
+        return failed(playerError("Cannot open %1: %2", {uri, why}));
+    if (m_current && m_current != logic)
+        close(m_current);
+    m_current = logic;
+    m_bytesAtOpen = m_pipeline->counters().bytes;
+    m_audioPosted->store(false);
+    m_pipeline->setReadingPaused(false);
+    PlayFrameworkAccess::publishTrackRoles(logic, roles);
+    PlayFrameworkAccess::publishStatus(logic, VraxPlayLogicStatus());
+    PlayFrameworkAccess::setState(logic, VraxPlayLogicData::Starting);
+    m_clock.start();
+    CMVoidReply reply;
+    reply.setValue();
+    return reply;
+}
+
+void DevicePlayer::close(PlayLogicBase* logic)
+{
+    if (!logic || logic != m_current)
+        return;
+    m_current = nullptr;
+    m_clock.stop();
+    if (m_pipeline)
+        m_pipeline->stop();
+    PlayFrameworkAccess::playbackEnded(logic);
+}
+
+void DevicePlayer::forget(PlayLogicBase* logic)
+{
+    if (!logic || logic != m_current)
+        return;
+    m_current = nullptr;
+    m_clock.stop();
+    if (m_pipeline)
+        m_pipeline->stop();
+}
+
+void DevicePlayer::setPaused(PlayLogicBase* logic, bool paused)
+{
+    if (logic == m_current && m_pipeline)
+        m_pipeline->setReadingPaused(paused);
+}
+
+void DevicePlayer::onAudio()
+{
+    m_audioPosted->store(false);
+    if (m_current && m_current->data().state() == VraxPlayLogicData::Starting)
+        PlayFrameworkAccess::setState(m_current, VraxPlayLogicData::Playing);
+}
+
+void DevicePlayer::onClock()
+{
+    if (!m_current || !m_pipeline || m_current->data().state() != VraxPlayLogicData::Playing)
+        return;
+    const AudioPipelineCounters counters = m_pipeline->counters();
+    const std::uint64_t bytesPerSecond = std::uint64_t(counters.format.sampleRate()) * counters.format.channels() * 2;
+    if (bytesPerSecond == 0)
+        return;
+    PlayFrameworkAccess::playTimeChanged(m_current, (counters.bytes - m_bytesAtOpen) * 1000 / bytesPerSecond);
+}
+
+} // namespace vrax

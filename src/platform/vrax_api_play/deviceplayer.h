@@ -1,0 +1,72 @@
+#pragma once
+
+#include "play/playlogic.h"
+
+#include <QPointer>
+#include <QTimer>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+namespace vrax {
+
+class AudioPipeline;
+class AudioSink;
+enum class AudioPace;
+
+// The device's player: plays roles through the play logic named in their metadata, one play
+// logic at a time, and feeds the audio pipeline's events (audio, format, play clock) back into
+// that play logic's state. Lives on the main thread; the pipeline's events reach it queued.
+class DevicePlayer : public PlayLogicInterface
+{
+    Q_OBJECT
+public:
+    // sinkSpec: where the pipeline's audio goes ("wav:FILE", "null", "alsa[:DEVICE]"); checked
+    // when a stream is opened. One player exists at a time.
+    DevicePlayer(const std::string& sinkSpec, AudioPace pace);
+    ~DevicePlayer() override;
+
+    static DevicePlayer* instance();
+
+    CMVoidReply play(const VraxRoles& roles, bool startPaused) override;
+    CMVoidReply pause() override;
+    CMVoidReply stop() override;
+    VraxPlayLogicData data() const override;
+
+    // The play logic whose playback is current, or null.
+    PlayLogicBase* current() const { return m_current.data(); }
+    // The pipeline of the last stream opened, or null.
+    AudioPipeline* pipeline() const { return m_pipeline.get(); }
+    // Plays the last roles again, or resumes a paused playback.
+    CMVoidReply resume();
+
+    // Used by the play logics: open the roles' resource for logic, close it, pause it.
+    CMVoidReply open(PlayLogicBase* logic, const VraxRoles& roles);
+    void close(PlayLogicBase* logic);
+    void setPaused(PlayLogicBase* logic, bool paused);
+    // The play logic is going away: its stream is closed without telling it.
+    void forget(PlayLogicBase* logic);
+
+Q_SIGNALS:
+    // Emitted on the main thread when the pipeline's sender appears or goes.
+    void senderChanged(bool connected);
+
+private:
+    bool ensurePipeline(const std::string& socketPath, QString* error);
+    void onAudio();
+    void onClock();
+
+    std::string m_sinkSpec;
+    AudioPace m_pace;
+    std::unique_ptr<AudioPipeline> m_pipeline;
+    QPointer<PlayLogicBase> m_current;
+    VraxRoles m_lastRoles;
+    // Bytes the pipeline had received when the current playback began; the play clock counts from there.
+    std::uint64_t m_bytesAtOpen = 0;
+    // Set by the pipeline's thread on audio, cleared when the main thread has seen it.
+    std::shared_ptr<std::atomic<bool>> m_audioPosted;
+    QTimer m_clock;
+};
+
+} // namespace vrax

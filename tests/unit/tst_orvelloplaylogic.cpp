@@ -1,0 +1,358 @@
+// The service's play logic on the desktop play framework: playback start, the audio path into
+// the emulated pipeline, pause and volume in both directions, track data and connect failures.
+#include "LogCapture.h"
+#include "OPlayerTestUtil.h"
+#include "TestPlatform.h"
+
+#include "OPlayerPlaybackApi.h"
+#include "OrvelloPlayLogic.h"
+
+#include "model/cmnodes.h"
+#include "model/cmworker.h"
+#include "play/vraxplaylogicdata.h"
+#include "vrax/vraxpaths.h"
+#include "vrax_api_play/deviceplayer.h"
+#include "vrax_api_play/systemvolume.h"
+#include "vrax_audio_pipeline/audiopipeline.h"
+
+#include <QFile>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <sndfile.h>
+
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+const QString kSocket = QStringLiteral("/tmp/orvello/smt2socketaddress");
+
+// The library's controls table, recording what the play logic asks of it.
+namespace fake {
+std::atomic<int> pauses{0};
+std::atomic<int> resumes{0};
+std::mutex volumesMutex;
+QList<int> volumes;
+
+int hasNewData(oplayer*) { return 0; }
+int pause(oplayer*) { ++pauses; return 1; }
+int resume(oplayer*) { ++resumes; return 1; }
+int skip(oplayer*, int) { return 1; }
+int getVolume(oplayer*) { return 50; }
+int setVolume(oplayer*, int volume)
+{
+    std::lock_guard<std::mutex> lock(volumesMutex);
+    volumes << volume;
+    return 1;
+}
+int isPaused(oplayer*) { return 0; }
+QList<int> volumesSet()
+{
+    std::lock_guard<std::mutex> lock(volumesMutex);
+    return volumes;
+}
+void reset()
+{
+    pauses = 0;
+    resumes = 0;
+    std::lock_guard<std::mutex> lock(volumesMutex);
+    volumes.clear();
+}
+const oplayer_controls_api controls = {nullptr, hasNewData, pause, resume, skip, getVolume, setVolume, isPaused};
+int handle;
+} // namespace fake
+
+QVariantHash published()
+{
+    return CMRoot()->getValue(VraxOrvelloPlayLogicPath()).toHash();
+}
+
+// A play logic on a bridge whose library is the fake controls table; the test calls the audio
+// table itself, as the library's thread would.
+struct Rig
+{
+    explicit Rig(const std::string& sink = "null") : player(sink, vrax::AudioPace::Fast)
+    {
+        fake::reset();
+        bridge.setControlsApi(&fake::controls);
+        bridge.setOPlayer(reinterpret_cast<oplayer*>(&fake::handle));
+        audio = bridge.getAudioApi();
+        logic = std::make_unique<OrvelloPlayLogic>(&nodes, &bridge);
+    }
+    int state() const { return logic->data().state(); }
+    // Offers samples until the transfer has taken at least count of them.
+    bool push(unsigned long count)
+    {
+        std::vector<short> samples(4096, 1000);
+        unsigned long taken = 0;
+        return QTest::qWaitFor([&] {
+            unsigned int out = 7;
+            const unsigned long n = audio->data(audio, samples.data(), samples.size(), &out);
+            if (out != 0)
+                return false;
+            taken += n;
+            return taken >= count;
+        }, 10000);
+    }
+    // The library starts by itself: a playback is requested, the format announced, audio flows.
+    bool startPlaying()
+    {
+        audio->pause_changed(audio, 0);
+        audio->init(audio, 2, 48000);
+        return push(48000) && QTest::qWaitFor([this] { return state() == VraxPlayLogicData::Playing; }, 10000);
+    }
+
+    TestPlatform platform;
+    vrax::DevicePlayer player;
+    CMNodes nodes;
+    OPlayerPlaybackApi bridge;
+    oplayer_audio_api* audio;
+    std::unique_ptr<OrvelloPlayLogic> logic;
+};
+
+// 16-bit interleaved frames of a WAV file.
+std::vector<short> wavSamples(const QString& path, int* rate, int* channels)
+{
+    SF_INFO info = {};
+    SNDFILE* file = sf_open(path.toLocal8Bit().constData(), SFM_READ, &info);
+    if (!file)
+        return {};
+    std::vector<short> samples(std::size_t(info.frames) * std::size_t(info.channels));
+    sf_readf_short(file, samples.data(), info.frames);
+    sf_close(file);
+    *rate = info.samplerate;
+    *channels = info.channels;
+    return samples;
+}
+
+} // namespace
+
+class TestOrvelloPlayLogic : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void libraryAudioReachesThePipeline();
+    void samplesFromBytes_data();
+    void samplesFromBytes();
+    void dataBeforeConnectionIsOfferedAgain();
+    void pauseBothWays();
+    void volumeBothWaysWithoutEcho();
+    void trackDataIsPublished();
+    void failedConnectStopsPlayback();
+    void stopClosesTransferAndCancelsConnect();
+};
+
+// The reference library plays a known file; the pipeline's WAV must hold exactly its PCM.
+void TestOrvelloPlayLogic::libraryAudioReachesThePipeline()
+{
+    TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("paired")}});
+    const int rate = 48000;
+    const int channels = 2;
+    std::vector<short> source(std::size_t(rate) * channels);
+    for (std::size_t i = 0; i < source.size(); ++i)
+        source[i] = short((i * 7919) % 60000 - 30000);
+    QVERIFY(QDir().mkpath(QStringLiteral("music")));
+    SF_INFO info = {};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* file = sf_open("music/one.wav", SFM_WRITE, &info);
+    QVERIFY(file);
+    sf_writef_short(file, source.data(), rate);
+    sf_close(file);
+    qputenv("OPLAYER_REF_MUSIC_DIR", QDir().absoluteFilePath(QStringLiteral("music")).toLocal8Bit());
+    QVERIFY(oplayertest::placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), oplayertest::kInstalledPath));
+
+    const QString wav = t.dir() + QStringLiteral("/out.wav");
+    vrax::DevicePlayer player("wav:" + wav.toStdString(), vrax::AudioPace::Fast);
+    CMNodes nodes;
+    oplayer_init_params params = oplayertest::initParams();
+    params.outputSampleRate = rate;
+    params.outputChannels = channels;
+    OPlayerLib lib(params);
+    QVERIFY(lib.ok());
+    lib.playbackApi()->setVolume(100); // unity gain: the file's samples as they are
+    OrvelloPlayLogic logic(&nodes, lib.playbackApi());
+    QList<int> states{VraxPlayLogicData::Stopped};
+    connect(&logic, &PlayLogicInterface::dataChanged, this, [&](const VraxPlayLogicData& d) {
+        if (states.last() != d.state())
+            states << d.state();
+    });
+
+    QTRY_VERIFY_WITH_TIMEOUT(player.pipeline() && player.pipeline()->counters().bytes >= source.size() * 2 * 2, 20000);
+    QCOMPARE(logic.data().trackRoles().mediaData().resources().first().uri(),
+             QStringLiteral("smt2:///tmp/orvello/smt2socketaddress"));
+    oplayertest::stopLibrary(lib);
+    player.stop();
+    qunsetenv("OPLAYER_REF_MUSIC_DIR");
+    // One playback: started once by the library, stopped once by the platform.
+    QCOMPARE(states, (QList<int>{VraxPlayLogicData::Stopped, VraxPlayLogicData::Starting, VraxPlayLogicData::Playing,
+                                 VraxPlayLogicData::Stopped}));
+
+    int wavRate = 0;
+    int wavChannels = 0;
+    const std::vector<short> written = wavSamples(wav, &wavRate, &wavChannels);
+    QCOMPARE(wavRate, rate);
+    QCOMPARE(wavChannels, channels);
+    QVERIFY2(written.size() >= 2 * source.size(), qPrintable(QString::number(written.size())));
+    // The station loops over the file: no sample lost, none repeated, in order.
+    for (std::size_t i = 0; i < 2 * source.size(); ++i)
+        if (written[i] != source[i % source.size()])
+            QFAIL(qPrintable(QStringLiteral("sample %1 differs").arg(i)));
+}
+
+void TestOrvelloPlayLogic::samplesFromBytes_data()
+{
+    QTest::addColumn<int>("bytes");
+    QTest::addColumn<quint64>("samples");
+    QTest::newRow("960 bytes") << 960 << quint64(480);
+    QTest::newRow("nothing") << 0 << quint64(0);
+    QTest::newRow("largest chunk") << 131072 << quint64(65536);
+    QTest::newRow("odd byte") << 3 << quint64(1);
+    QTest::newRow("-1") << -1 << quint64(0x7FFFFFFFFFFFFFFFull);
+    QTest::newRow("-2") << -2 << quint64(0x7FFFFFFFFFFFFFFFull);
+    QTest::newRow("-4") << -4 << quint64(0x7FFFFFFFFFFFFFFEull);
+}
+
+void TestOrvelloPlayLogic::samplesFromBytes()
+{
+    QFETCH(int, bytes);
+    QFETCH(quint64, samples);
+    QCOMPARE(quint64(OrvelloPlayLogic::samplesFromBytes(bytes)), samples);
+}
+
+void TestOrvelloPlayLogic::dataBeforeConnectionIsOfferedAgain()
+{
+    Rig rig;
+    std::vector<short> samples(480, 5);
+    unsigned int out = 9;
+    QCOMPARE(rig.audio->data(rig.audio, samples.data(), samples.size(), &out), 0ul);
+    QCOMPARE(out, 0u);
+    QVERIFY(rig.startPlaying());
+    // Connected: 480 samples are 960 bytes, all taken once the previous chunk is out.
+    QVERIFY(QTest::qWaitFor([&] { return rig.audio->data(rig.audio, samples.data(), samples.size(), &out) == 480; }));
+}
+
+void TestOrvelloPlayLogic::pauseBothWays()
+{
+    Rig rig;
+    QVERIFY(rig.startPlaying());
+
+    // The platform's pause goes to the library; the state waits for the library to confirm.
+    QVERIFY(!rig.player.pause().isError());
+    QCOMPARE(fake::pauses.load(), 1);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Playing));
+    rig.audio->pause_changed(rig.audio, 1);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Paused));
+    rig.audio->pause_changed(rig.audio, 1);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Paused));
+    QCOMPARE(fake::pauses.load(), 1); // mirroring sends nothing back
+    QCOMPARE(fake::resumes.load(), 0);
+
+    QVERIFY(!rig.player.pause().isError()); // paused: the request resumes
+    QCOMPARE(fake::resumes.load(), 1);
+    rig.audio->pause_changed(rig.audio, 0);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Playing));
+    QCOMPARE(fake::pauses.load(), 1);
+    QCOMPARE(fake::resumes.load(), 1);
+}
+
+void TestOrvelloPlayLogic::volumeBothWaysWithoutEcho()
+{
+    Rig rig;
+    vrax::SystemVolume::instance().setVolume(40);
+    QTRY_COMPARE(fake::volumesSet(), QList<int>{40});
+
+    LogCapture log;
+    rig.audio->volume_changed(rig.audio, 55);
+    QCOMPARE(vrax::SystemVolume::instance().volume(), 55);
+    // A negative outcome needs time to pass: longer than the proxy's 250 ms announcement delay.
+    QTest::qWait(600);
+    QCOMPARE(fake::volumesSet(), QList<int>{40});
+    QCOMPARE(log.messages(log4cplus::DEBUG_LOG_LEVEL, QStringLiteral("Orvello")),
+             QStringList{QStringLiteral("Enter OrvelloPlayLogic::on_playbackApi_volumeChanged(int): Volume: 55")});
+}
+
+void TestOrvelloPlayLogic::trackDataIsPublished()
+{
+    Rig rig;
+    VraxStreamerData data;
+    VraxPlayLogicStatus status;
+    status.setDuration(215000);
+    data.setStatus(status);
+    VraxRoles roles;
+    roles.setTitle(TrString("Slow Morning"));
+    roles.setIcon(QStringLiteral("https://art.example/1.png"));
+    VraxMetaData meta;
+    meta.setArtist(QStringLiteral("The Quiet Room"));
+    meta.setAlbum(QStringLiteral("Lobby Hours"));
+    VraxMediaData media;
+    media.setMetaData(meta);
+    roles.setMediaData(media);
+    data.setTrackRoles(roles);
+
+    const QVariantHash before = published();
+    rig.logic->on_playbackApi_dataChanged(data, 12000); // stopped: ignored
+    QCOMPARE(published(), before);
+    QCOMPARE(rig.logic->data().playTime(), 0ll);
+
+    QVERIFY(rig.startPlaying());
+    rig.logic->on_playbackApi_dataChanged(data, 12000);
+    const VraxPlayLogicData d = rig.logic->data();
+    QCOMPARE(d.state(), int(VraxPlayLogicData::Playing));
+    QCOMPARE(d.playTime(), 12000ll);
+    QCOMPARE(d.status().duration(), 215000ll);
+    QCOMPARE(d.trackRoles().title().toString(), QStringLiteral("Slow Morning"));
+    QCOMPARE(d.trackRoles().icon(), QStringLiteral("https://art.example/1.png"));
+    QCOMPARE(d.trackRoles().mediaData().metaData(), meta);
+    QCOMPARE(d.trackRoles().type(), VraxRolesType::StreamingService);
+    QCOMPARE(d.trackRoles().mediaData().resources().size(), 1);
+    QCOMPARE(d.trackRoles().mediaData().resources().first().uri(), QStringLiteral("smt2:///tmp/orvello/smt2socketaddress"));
+
+    // What the platform reads at the play logic's path is the same.
+    const QVariantHash node = published();
+    QCOMPARE(node.value(QStringLiteral("state")).toInt(), int(VraxPlayLogicData::Playing));
+    QCOMPARE(node.value(QStringLiteral("playTime")).toLongLong(), 12000ll);
+    QCOMPARE(node.value(QStringLiteral("trackRoles")).toHash().value(QStringLiteral("title")).toString(),
+             QStringLiteral("Slow Morning"));
+}
+
+void TestOrvelloPlayLogic::failedConnectStopsPlayback()
+{
+    Rig rig;
+    LogCapture log;
+    rig.audio->pause_changed(rig.audio, 0);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Starting));
+    QVERIFY(QFile::remove(kSocket)); // the pipeline can no longer be reached
+    rig.audio->init(rig.audio, 2, 48000);
+    QTRY_COMPARE(rig.state(), int(VraxPlayLogicData::Stopped));
+    QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL),
+             QStringList{QStringLiteral("Failed to connect audio transfer [vrax.error] Failed to connect")});
+    QCOMPARE(fake::pauses.load(), 1); // playback ended: the library is paused
+}
+
+void TestOrvelloPlayLogic::stopClosesTransferAndCancelsConnect()
+{
+    Rig rig;
+    QVERIFY(rig.startPlaying());
+    QVERIFY(rig.player.pipeline()->counters().senderConnected);
+    LogCapture log;
+    QVERIFY(!rig.player.stop().isError());
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Stopped));
+    QCOMPARE(fake::pauses.load(), 1);
+
+    // A connect still under way when playback ends is cancelled: its failure stops nothing.
+    rig.audio->pause_changed(rig.audio, 0);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Starting));
+    QVERIFY(rig.player.stop().isFinished());
+    QCoreApplication::processEvents();
+    QTest::qWait(100);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Stopped));
+    QVERIFY(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty());
+    QVERIFY(!rig.player.pipeline()->counters().senderConnected);
+}
+
+QTEST_GUILESS_MAIN(TestOrvelloPlayLogic)
+#include "tst_orvelloplaylogic.moc"
