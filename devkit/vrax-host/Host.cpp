@@ -2,7 +2,11 @@
 
 #include "model/cmnode.h"
 #include "model/cmworker.h"
+#include "vrax/vraxpaths.h"
 #include "vrax_api/vraxplatform.h"
+#include "vrax_api_play/deviceplayer.h"
+#include "vrax_api_play/systemvolume.h"
+#include "vrax_audio_pipeline/audiopipeline.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -76,6 +80,25 @@ bool Host::start(QString* error)
     if (!m_platform->settings().open(settingsFile, !explicitSettings, error))
         return false;
 
+    std::string sinkSpec;
+    switch (m_options.audioOut) {
+    case HostOptions::AudioOut::Null:
+        sinkSpec = "null";
+        break;
+    case HostOptions::AudioOut::Wav:
+        sinkSpec = "wav:" + m_options.audioTarget.toStdString();
+        break;
+    case HostOptions::AudioOut::Alsa:
+        if (!vrax::alsaAvailable()) {
+            *error = QStringLiteral("--audio-out alsa: this build has no ALSA support");
+            return false;
+        }
+        sinkSpec = "alsa:" + m_options.audioTarget.toStdString();
+        break;
+    }
+    m_player = std::make_unique<vrax::DevicePlayer>(
+        sinkSpec, m_options.pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast : vrax::AudioPace::Realtime);
+
     addRoutes();
     if (!m_api.listen(m_options.controlPort, error))
         return false;
@@ -103,6 +126,7 @@ void Host::stop()
     m_api.stop();
     delete m_worker;
     m_worker = nullptr;
+    m_player.reset();
 }
 
 QJsonObject Host::describeNode(const CMNode* node) const
@@ -177,6 +201,77 @@ void Host::addRoutes()
         CMVoidReply reply;
         answerWith(reply, response);
         CMRoot()->setValue(path, value, reply);
+    });
+
+    m_api.get("/api/playlogic", [](const ControlApi::Request& request,
+                                   const std::shared_ptr<ControlApi::Response>& response) {
+        const QString path = request.query.value(QStringLiteral("path"), VraxOrvelloPlayLogicPath().toString());
+        const QVariantHash data = CMRoot()->getValue(CMPath(path)).toHash();
+        const QVariantHash roles = data.value(QStringLiteral("trackRoles")).toHash();
+        const QVariantHash meta = roles.value(QStringLiteral("mediaData")).toHash().value(QStringLiteral("metaData")).toHash();
+        response->send(200, QJsonObject{
+            {QStringLiteral("path"), path},
+            {QStringLiteral("exists"), !data.isEmpty()},
+            {QStringLiteral("state"), data.value(QStringLiteral("state")).toInt()},
+            {QStringLiteral("title"), roles.value(QStringLiteral("title")).toString()},
+            {QStringLiteral("artist"), meta.value(QStringLiteral("artist")).toString()},
+            {QStringLiteral("album"), meta.value(QStringLiteral("album")).toString()},
+            {QStringLiteral("icon"), roles.value(QStringLiteral("icon")).toString()},
+            {QStringLiteral("duration"), data.value(QStringLiteral("status")).toHash().value(QStringLiteral("duration")).toLongLong()},
+            {QStringLiteral("playTime"), data.value(QStringLiteral("playTime")).toLongLong()}});
+    });
+
+    m_api.post("/api/player/(play|pause|stop)", [this](const ControlApi::Request& request,
+                                                        const std::shared_ptr<ControlApi::Response>& response) {
+        CMVoidReply reply = request.match == QLatin1String("play")    ? m_player->resume()
+                          : request.match == QLatin1String("pause") ? m_player->pause()
+                                                                     : m_player->stop();
+        answerWith(reply, response);
+    });
+
+    auto volumeJson = [] {
+        const vrax::SystemVolume& volume = vrax::SystemVolume::instance();
+        return QJsonObject{{QStringLiteral("volume"), volume.volume()}, {QStringLiteral("muted"), volume.muted()}};
+    };
+    m_api.get("/api/volume", [volumeJson](const ControlApi::Request&, const std::shared_ptr<ControlApi::Response>& response) {
+        response->send(200, volumeJson());
+    });
+    m_api.post("/api/volume", [volumeJson](const ControlApi::Request& request,
+                                           const std::shared_ptr<ControlApi::Response>& response) {
+        const QJsonValue volume = request.body.value(QStringLiteral("volume"));
+        const QJsonValue muted = request.body.value(QStringLiteral("muted"));
+        if ((!volume.isUndefined() && (!volume.isDouble() || volume.toDouble() != volume.toInt() || volume.toInt() < 0
+                                       || volume.toInt() > 100))
+            || (!muted.isUndefined() && !muted.isBool()) || (volume.isUndefined() && muted.isUndefined())) {
+            response->error(400, QStringLiteral("the body needs \"volume\" (an integer from 0 to 100) and/or \"muted\" (a bool)"));
+            return;
+        }
+        if (!volume.isUndefined())
+            vrax::SystemVolume::instance().setVolume(volume.toInt());
+        if (!muted.isUndefined())
+            vrax::SystemVolume::instance().setMuted(muted.toBool());
+        response->send(200, volumeJson());
+    });
+
+    m_api.get("/api/pipeline", [this](const ControlApi::Request&, const std::shared_ptr<ControlApi::Response>& response) {
+        const vrax::AudioPipeline* pipeline = m_player->pipeline();
+        const vrax::AudioPipelineCounters counters = pipeline ? pipeline->counters() : vrax::AudioPipelineCounters();
+        const double bytesPerSecond = double(counters.format.sampleRate()) * counters.format.channels() * 2;
+        response->send(200, QJsonObject{
+            {QStringLiteral("socket"), pipeline ? QString::fromStdString(pipeline->socketPath()) : QString()},
+            {QStringLiteral("listening"), pipeline && pipeline->isListening()},
+            {QStringLiteral("senderConnected"), counters.senderConnected},
+            {QStringLiteral("bytes"), double(counters.bytes)},
+            {QStringLiteral("seconds"), bytesPerSecond > 0 ? double(counters.bytes) / bytesPerSecond : 0.0},
+            {QStringLiteral("sequences"), double(counters.sequences)},
+            {QStringLiteral("flushes"), double(counters.flushes)},
+            {QStringLiteral("underruns"), double(counters.underruns)},
+            {QStringLiteral("connections"), double(counters.connections)},
+            {QStringLiteral("sampleRate"), counters.format.sampleRate()},
+            {QStringLiteral("channels"), counters.format.channels()},
+            {QStringLiteral("pace"), QString::fromLatin1(vrax::AudioPipeline::toString(
+                                         m_options.pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast
+                                                                                   : vrax::AudioPace::Realtime))}});
     });
 
     m_api.post("/api/invoke", [pathAndValue](const ControlApi::Request& request,

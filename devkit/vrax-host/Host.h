@@ -11,6 +11,7 @@
 
 class CMWorker;
 namespace vrax {
+class DevicePlayer;
 class Platform;
 }
 
@@ -37,6 +38,7 @@ private:
 
     HostOptions m_options;
     std::unique_ptr<vrax::Platform> m_platform;
+    std::unique_ptr<vrax::DevicePlayer> m_player;
     QLibrary m_module;
     CMWorker* m_worker = nullptr;
     ControlApi m_api;
