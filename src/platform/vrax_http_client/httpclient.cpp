@@ -36,16 +36,21 @@ struct HttpClient::Request
 };
 
 // Counts the reply handlers on the stack: a reply must not be deleted while it is emitting.
-class HttpClientSignalScope
+// The handler may have destroyed the client on the way out.
+class HttpClient::SignalScope
 {
 public:
-    explicit HttpClientSignalScope(int& depth) : m_depth(depth) { ++m_depth; }
-    ~HttpClientSignalScope() { --m_depth; }
-    HttpClientSignalScope(const HttpClientSignalScope&) = delete;
-    HttpClientSignalScope& operator=(const HttpClientSignalScope&) = delete;
+    explicit SignalScope(HttpClient* client) : m_client(client) { ++client->m_signalDepth; }
+    ~SignalScope()
+    {
+        if (m_client)
+            --m_client->m_signalDepth;
+    }
+    SignalScope(const SignalScope&) = delete;
+    SignalScope& operator=(const SignalScope&) = delete;
 
 private:
-    int& m_depth;
+    QPointer<HttpClient> m_client;
 };
 
 HttpClient::HttpClient(QObject* parent, HttpVersion version, bool followRedirects)
@@ -152,7 +157,7 @@ void HttpClient::abort(RequestId id)
 
 void HttpClient::onMetaDataChanged(RequestId id)
 {
-    HttpClientSignalScope scope(m_signalDepth);
+    SignalScope scope(this);
     const auto it = m_requests.find(id);
     if (it == m_requests.end())
         return;
@@ -166,7 +171,7 @@ void HttpClient::onMetaDataChanged(RequestId id)
 
 void HttpClient::onReadyRead(RequestId id)
 {
-    HttpClientSignalScope scope(m_signalDepth);
+    SignalScope scope(this);
     const auto it = m_requests.find(id);
     if (it == m_requests.end())
         return;
@@ -202,7 +207,7 @@ void HttpClient::onFinished(RequestId id)
         if (!alive)
             return;
     }
-    HttpClientSignalScope scope(m_signalDepth);
+    SignalScope scope(this);
     const auto it = m_requests.find(id);
     if (it == m_requests.end())
         return;

@@ -138,6 +138,7 @@ public:
 
 private:
     struct Request;
+    class SignalScope;
     void startReply(const std::shared_ptr<Request>& request, const VraxUrl& url);
     void finish(RequestId id, HttpClientResult::State state, const QString& errorString);
     void onReadyRead(RequestId id);
