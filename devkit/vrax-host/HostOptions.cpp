@@ -1,0 +1,85 @@
+#include "HostOptions.h"
+
+#include <QCommandLineParser>
+#include <QFileInfo>
+
+QString HostOptions::usage()
+{
+    return QStringLiteral(
+        "usage: vrax-host --module PATH --data-dir DIR [--settings FILE] [--control-port N]\n"
+        "                 [--audio-out wav:FILE|null|alsa[:DEVICE]] [--pace realtime|fast] [--log-config FILE]\n");
+}
+
+bool HostOptions::parse(const QStringList& arguments, HostOptions* options, QString* error)
+{
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    const QCommandLineOption module(QStringLiteral("module"), QString(), QStringLiteral("PATH"));
+    const QCommandLineOption dataDir(QStringLiteral("data-dir"), QString(), QStringLiteral("DIR"));
+    const QCommandLineOption settings(QStringLiteral("settings"), QString(), QStringLiteral("FILE"));
+    const QCommandLineOption port(QStringLiteral("control-port"), QString(), QStringLiteral("N"));
+    const QCommandLineOption audioOut(QStringLiteral("audio-out"), QString(), QStringLiteral("OUT"));
+    const QCommandLineOption pace(QStringLiteral("pace"), QString(), QStringLiteral("PACE"));
+    const QCommandLineOption logConfig(QStringLiteral("log-config"), QString(), QStringLiteral("FILE"));
+    parser.addOptions({module, dataDir, settings, port, audioOut, pace, logConfig});
+    if (!parser.parse(arguments)) {
+        *error = parser.errorText();
+        return false;
+    }
+    if (!parser.positionalArguments().isEmpty()) {
+        *error = QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().first());
+        return false;
+    }
+    HostOptions result;
+    result.modulePath = parser.value(module);
+    result.dataDir = parser.value(dataDir);
+    if (result.modulePath.isEmpty() || result.dataDir.isEmpty()) {
+        *error = QStringLiteral("--module and --data-dir are required");
+        return false;
+    }
+    result.settingsFile = parser.value(settings);
+    result.logConfig = parser.value(logConfig);
+    if (parser.isSet(port)) {
+        bool ok = false;
+        result.controlPort = parser.value(port).toInt(&ok);
+        if (!ok || result.controlPort < 0 || result.controlPort > 65535) {
+            *error = QStringLiteral("--control-port needs a port number from 0 to 65535, not '%1'").arg(parser.value(port));
+            return false;
+        }
+    }
+    if (parser.isSet(audioOut)) {
+        const QString out = parser.value(audioOut);
+        if (out == QLatin1String("null")) {
+            result.audioOut = AudioOut::Null;
+        } else if (out.startsWith(QLatin1String("wav:")) && out.size() > 4) {
+            result.audioOut = AudioOut::Wav;
+            result.audioTarget = out.mid(4);
+        } else if (out == QLatin1String("alsa") || out.startsWith(QLatin1String("alsa:"))) {
+            result.audioOut = AudioOut::Alsa;
+            result.audioTarget = out == QLatin1String("alsa") ? QStringLiteral("default") : out.mid(5);
+        } else {
+            *error = QStringLiteral("--audio-out takes wav:FILE, null or alsa[:DEVICE], not '%1'").arg(out);
+            return false;
+        }
+    }
+    if (parser.isSet(pace)) {
+        const QString value = parser.value(pace);
+        if (value == QLatin1String("realtime")) {
+            result.pace = Pace::Realtime;
+        } else if (value == QLatin1String("fast")) {
+            result.pace = Pace::Fast;
+        } else {
+            *error = QStringLiteral("--pace takes realtime or fast, not '%1'").arg(value);
+            return false;
+        }
+    }
+    // Paths are taken relative to where the host was started, before it moves into its data directory.
+    for (QString* path : {&result.modulePath, &result.settingsFile, &result.logConfig})
+        if (!path->isEmpty())
+            *path = QFileInfo(*path).absoluteFilePath();
+    if (result.audioOut == AudioOut::Wav)
+        result.audioTarget = QFileInfo(result.audioTarget).absoluteFilePath();
+    result.dataDir = QFileInfo(result.dataDir).absoluteFilePath();
+    *options = result;
+    return true;
+}

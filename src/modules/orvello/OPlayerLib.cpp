@@ -1,0 +1,262 @@
+#include "OPlayerLib.h"
+
+#include "OrvelloLogging.h"
+#include "OrvelloUpdater.h"
+
+#include "model/cmerror.h"
+#include "model/cmworker.h"
+#include "vrax/vraxpaths.h"
+#include "vrax/vraxvalue.h"
+
+#include <QDir>
+#include <QFile>
+#include <QLibrary>
+#include <QList>
+#include <QTimer>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
+
+const QString kPersistentDirectory = QStringLiteral("data-rw/orvello");
+const QString kInstalledLibrary = QStringLiteral("data-rw/orvello/liboplayer-1.so");
+
+// An installed update comes first so that it wins over the system's copy.
+const QList<QString> kLibrarySearchList = {
+    kInstalledLibrary,
+    QStringLiteral("/usr/lib64/liboplayer-1.so.1"),
+    QStringLiteral("/usr/lib/liboplayer-1.so.1"),
+    QStringLiteral("../../build/Hollowkit-blobs-links/Orvello/lib/linux_x86_64/liboplayer-1.so"),
+};
+
+void storeString(const CMPath& path, const QString& text)
+{
+    CMAbstractWorker* root = CMRoot();
+    if (!root)
+        return;
+    VraxValue value{VraxHash()};
+    value.setString_(text);
+    root->setValue(path, value, CMVoidReply());
+}
+} // namespace
+
+extern "C" void orvello_load_token(char* buffer, size_t size)
+{
+    CMAbstractWorker* root = CMRoot();
+    if (!root || !buffer)
+        return;
+    const QByteArray token = VraxHash(root->getValue(VraxOrvelloTokenPath()).toHash()).string_().toUtf8();
+    std::memcpy(buffer, token.constData(), std::min(size, static_cast<size_t>(token.size())));
+}
+
+extern "C" void orvello_save_token(const char* token)
+{
+    storeString(VraxOrvelloTokenPath(), QString::fromLatin1(token));
+}
+
+OPlayerLib::OPlayerLib(const oplayer_init_params& params)
+    : QObject(nullptr)
+    , m_library(nullptr)
+    , m_params(params)
+    , m_api(nullptr)
+    , m_oplayer(nullptr)
+    , m_pairingApi(nullptr)
+    , m_createParams()
+{
+    std::memset(&m_createParams, 0, sizeof(m_createParams));
+    if (!QDir().mkpath(kPersistentDirectory))
+        LOG4CPLUS_ERROR(logger, "Failed to create: " << kPersistentDirectory << ", update will not work");
+    if (QFile::exists(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST))) {
+        if (update())
+            return;
+    }
+    load();
+}
+
+OPlayerLib::~OPlayerLib()
+{
+    delete m_library;
+}
+
+bool OPlayerLib::ok() const
+{
+    return m_oplayer != nullptr;
+}
+
+OPlayerPlaybackApi* OPlayerLib::playbackApi()
+{
+    return &m_playbackApi;
+}
+
+void OPlayerLib::load()
+{
+    ORVELLO_ENTER(logger);
+    const QList<QString> paths = kLibrarySearchList;
+    for (const QString& path : paths) {
+        LOG4CPLUS_TRACE(logger, "Considering liboplayer path: " << path);
+        if (!QFile::exists(path)) {
+            LOG4CPLUS_TRACE(logger, path << " does not exist");
+            continue;
+        }
+        LOG4CPLUS_DEBUG(logger, "Found liboplayer at " << path << " loading");
+        QLibrary* previous = m_library;
+        m_library = new QLibrary(path);
+        delete previous;
+        if (!m_library->load()) {
+            LOG4CPLUS_ERROR(logger, "Error loading the oplayer-1 library from path " << path << ": "
+                                                                                     << m_library->errorString());
+            continue;
+        }
+
+        std::memset(&m_createParams, 0, sizeof(m_createParams));
+        m_createParams.init_tag = OPLAYER_INIT_TAG;
+        m_createParams.max_bandwidth_kbps = m_params.maxBandwidthKbps;
+        CMAbstractWorker* root = CMRoot();
+        const bool cacheEnabled = root && VraxValue(root->getValue(VraxOrvelloCacheEnabled()).toHash()).bool_();
+        m_createParams.disable_cache = cacheEnabled ? 0 : 1;
+        const QByteArray cacheDir = m_params.cacheDir.toUtf8();
+        const QByteArray serialNumber = m_params.serialNumber.toUtf8();
+        const QByteArray vendorSecret = m_params.vendorSecret.toUtf8();
+        const QByteArray productName = m_params.productName.toUtf8();
+        m_createParams.cache_dir = cacheDir.constData();
+        m_createParams.serial_number = serialNumber.constData();
+        m_createParams.vendor_secret = vendorSecret.constData();
+        m_createParams.product_name = productName.constData();
+        m_createParams.cache_max_mb = m_params.cacheMaxMb;
+        m_createParams.cache_remain_mb = m_params.cacheRemainMb;
+        m_createParams.output_channels = m_params.outputChannels;
+        m_createParams.output_sample_rate = m_params.outputSampleRate;
+        m_createParams.client_version = "1.0";
+        m_createParams.option_b = 1;
+        m_createParams.audio_api = m_playbackApi.getAudioApi();
+        m_createParams.load_token = &orvello_load_token;
+        m_createParams.save_token = &orvello_save_token;
+
+        m_api = reinterpret_cast<const oplayer_api*>(m_library->resolve(OPLAYER_API_SYMBOL));
+        if (!m_api) {
+            LOG4CPLUS_ERROR(logger, "Error resolving the OPLAYER_API symbol: " << m_library->errorString());
+            unload();
+            continue;
+        }
+
+        const int result = m_api->create(m_createParams, &m_oplayer);
+        if (!m_oplayer) {
+            LOG4CPLUS_ERROR(logger, "Unable to allocate OPlayer. Error: " << result);
+            m_api = nullptr;
+            unload();
+            continue;
+        }
+
+        char version[1024];
+        std::memset(version, 0, sizeof(version));
+        m_api->get_version(nullptr, version, sizeof(version));
+        const QString versionText = QString::fromLatin1(version, static_cast<int>(qstrnlen(version, sizeof(version))));
+        LOG4CPLUS_INFO(logger, "Running SDK version: " << versionText);
+        storeString(VraxOrvelloSdkVersion(), versionText);
+
+        m_playbackApi.setControlsApi(m_api->controls_api());
+        m_playbackApi.setMetadataApi(m_api->metadata_api());
+        m_playbackApi.setOPlayer(m_oplayer);
+        m_pairingApi = m_api->pairing_api();
+
+        QTimer::singleShot(0, Qt::PreciseTimer, this, &OPlayerLib::mainLoop);
+        return;
+    }
+    LOG4CPLUS_ERROR(logger, "Failed to load oplayer-1 library");
+}
+
+void OPlayerLib::unload()
+{
+    if (!m_library)
+        return;
+    m_library->unload();
+    delete m_library;
+    m_library = nullptr;
+}
+
+void OPlayerLib::mainLoop()
+{
+    if (m_api->run_once(m_oplayer) != 0) {
+        m_playbackApi.pump();
+        QTimer::singleShot(0, Qt::PreciseTimer, this, &OPlayerLib::mainLoop);
+        return;
+    }
+    LOG4CPLUS_INFO(logger, "End of oplayer main loop, cleaning up");
+    m_api->destroy(m_oplayer);
+    m_oplayer = nullptr;
+    m_playbackApi.setControlsApi(nullptr);
+    m_playbackApi.setMetadataApi(nullptr);
+    m_playbackApi.setOPlayer(nullptr);
+    Q_EMIT endOfLoop();
+}
+
+void OPlayerLib::requestExit()
+{
+    ORVELLO_ENTER(logger);
+    if (!m_oplayer) {
+        LOG4CPLUS_ERROR(logger, "m_oplayer is nullptr, returning");
+        return;
+    }
+    LOG4CPLUS_INFO(logger, "Requesting exit at end of song");
+    m_api->request_exit(m_oplayer, OPLAYER_EXIT_AT_END_OF_SONG);
+}
+
+void OPlayerLib::pair(const CMSetDataRequest& request)
+{
+    ORVELLO_ENTER(logger);
+    if (!m_oplayer) {
+        LOG4CPLUS_ERROR(logger, "m_oplayer is nullptr, returning");
+        request.reply().setError(CMError(ORVELLO_TR("Internal error, library is not initialized")));
+        return;
+    }
+    const QString code = VraxHash(request.data().toHash()).string_();
+    LOG4CPLUS_INFO(logger, "new value: " << code << ". Initiating pairing.");
+    const QByteArray bytes = code.toUtf8();
+    const int result = m_pairingApi->start(m_oplayer, bytes.constData(), bytes.size());
+    if (result != 0) {
+        LOG4CPLUS_ERROR(logger, "Error while initiating device pairing, code: " << result);
+        request.reply().setError(
+            CMError(ORVELLO_TR("Error while initiating device pairing, error: %1", {TrArg(result, 0, 10, QLatin1Char(' '))})));
+        return;
+    }
+    doPairLoop(request.reply());
+}
+
+void OPlayerLib::doPairLoop(CMReply<QVariant> reply)
+{
+    oplayer_pairing_result* result = m_pairingApi->poll(m_oplayer);
+    if (!result) {
+        QTimer::singleShot(100, Qt::PreciseTimer, this, [this, reply]() { doPairLoop(reply); });
+        return;
+    }
+    if (result->success != 0) {
+        LOG4CPLUS_INFO(logger, "Pairing successful");
+        storeString(VraxOrvelloDeviceId(), QString::fromLatin1(result->device_id));
+        reply.setValue(QVariant());
+    } else {
+        LOG4CPLUS_ERROR(logger, "Error while initiating device pairing, message: "
+                                    << (result->message ? result->message : ""));
+        reply.setError(CMError(ORVELLO_TR("Error while initiating device pairing, error: %1",
+                                          {TrArg(QString(result->message))})));
+    }
+    m_pairingApi->release(result);
+}
+
+bool OPlayerLib::update()
+{
+    if (!QFile::exists(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST)))
+        return false;
+    if (!QDir(kPersistentDirectory).exists()) {
+        LOG4CPLUS_ERROR(logger, "The persistent Orvello directory does not exist: " << kPersistentDirectory);
+        return false;
+    }
+    unload();
+    if (QFile::exists(kInstalledLibrary) && !QFile::remove(kInstalledLibrary))
+        LOG4CPLUS_ERROR(logger, "Failed to delete old library binary: " << kInstalledLibrary);
+    if (!QFile::rename(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST), kInstalledLibrary))
+        LOG4CPLUS_ERROR(logger, "Failed to move updated library binary to location: " << kInstalledLibrary);
+    load();
+    return ok();
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+#include "OPlayerPlaybackApi.h"
+#include "oplayer/oplayer.h"
+
+#include "model/cmreply.h"
+#include "model/cmrequest.h"
+
+#include <QObject>
+#include <QString>
+
+#include <cstddef>
+
+class QLibrary;
+
+// The device settings the player library is created from; filled by the worker.
+struct oplayer_init_params
+{
+    qint32 maxBandwidthKbps = 0;
+    QString cacheDir;
+    qint32 cacheMaxMb = 0;
+    qint32 cacheRemainMb = 0;
+    qint32 outputSampleRate = 0;
+    qint32 outputChannels = 0;
+    QString serialNumber;
+    QString vendorSecret;
+    QString productName;
+};
+
+// Hosts the service's player library: finds it on the search list, creates one instance,
+// turns its main loop on the owner's event loop, pairs the device and installs downloaded
+// library versions. Lives on the worker's thread; nothing here is thread-safe.
+//
+// Failures are logged and leave ok() false; nothing is thrown or reported from here.
+class OPlayerLib : public QObject
+{
+    Q_OBJECT
+public:
+    // Loads the library (installing a finished download first, if one is waiting).
+    explicit OPlayerLib(const oplayer_init_params& params);
+    // Does not destroy a live instance and leaves the library file mapped: end the loop first
+    // (requestExit, endOfLoop) when the library has threads of its own.
+    ~OPlayerLib() override;
+
+    bool ok() const;
+    // The bridge; valid for the host's whole life, across reloads.
+    OPlayerPlaybackApi* playbackApi();
+
+    // Walks the search list until a library loads, resolves and creates an instance.
+    void load();
+    // Closes the library file last opened; the instance, if any, is not touched.
+    void unload();
+
+    // One turn of the library's loop; scheduled by load() and by itself only.
+    void mainLoop();
+    // Asks the library to leave its loop when the current song has finished; endOfLoop follows.
+    void requestExit();
+
+    // Starts pairing with the code in the request's value; the request's reply gets the outcome.
+    void pair(const CMSetDataRequest& request);
+    // One poll of a pairing attempt; re-schedules itself every 100 ms until the outcome is known.
+    void doPairLoop(CMReply<QVariant> reply);
+
+    // Moves a finished download into the persistent directory and loads again. False when
+    // nothing was waiting or the persistent directory is missing; else ok() after the reload.
+    // The library's loop must have ended.
+    bool update();
+
+Q_SIGNALS:
+    // The library instance has been destroyed at the end of its loop.
+    void endOfLoop();
+
+private:
+    QLibrary* m_library;
+    oplayer_init_params m_params;
+    const oplayer_api* m_api;
+    oplayer* m_oplayer;
+    const oplayer_pairing_api* m_pairingApi;
+    oplayer_create_params m_createParams;
+    OPlayerPlaybackApi m_playbackApi;
+};
+
+// The token store handed to the library in the creation record; callable from any thread.
+// The reader copies at most size bytes and writes no terminating NUL.
+extern "C" void orvello_load_token(char* buffer, size_t size);
+extern "C" void orvello_save_token(const char* token);

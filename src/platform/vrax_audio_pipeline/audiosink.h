@@ -1,0 +1,47 @@
+#pragma once
+
+#include "audioUtils/pcmaudioinfo.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace vrax {
+
+// Where the emulated audio pipeline puts the PCM it receives. Called on the pipeline's thread
+// only. A failing call returns false with a reason; the pipeline then drops the sender.
+class AudioSink
+{
+public:
+    virtual ~AudioSink() = default;
+
+    // A sequence of this format starts.
+    virtual bool startSequence(const audioUtils::PcmAudioInfo& format, std::string* error) = 0;
+    virtual bool write(const std::uint8_t* data, std::size_t size, std::string* error) = 0;
+    // Drops audio not yet played (a device's buffer); written files keep what they have.
+    virtual void flush() {}
+    virtual void endSequence() {}
+    // Finishes every output (a file's header). The sink may be used again afterwards.
+    virtual void close() {}
+    // True when write() blocks at the playing pace itself, like a sound card.
+    virtual bool pacesItself() const { return false; }
+    // Underruns the sink saw itself (a device that ran dry).
+    virtual std::uint64_t underruns() const { return 0; }
+};
+
+// Discards everything.
+std::unique_ptr<AudioSink> makeNullSink();
+// WAV files through libsndfile: every sequence goes into path while the format stays the same;
+// each change of format continues in path-2.wav, path-3.wav, ... (a ".wav" ending of path
+// is replaced). A file's header is finished when the format changes and on close().
+std::unique_ptr<AudioSink> makeWavSink(const std::string& path);
+// Live sound through ALSA ("default" when device is empty); null when built without ALSA.
+std::unique_ptr<AudioSink> makeAlsaSink(const std::string& device);
+bool alsaAvailable();
+
+// A sink from its command-line form: "wav:FILE", "null" or "alsa[:DEVICE]". Null with the reason
+// in error when the text is not one of these.
+std::unique_ptr<AudioSink> makeAudioSink(const std::string& output, std::string* error);
+
+} // namespace vrax

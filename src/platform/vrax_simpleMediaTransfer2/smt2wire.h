@@ -1,0 +1,76 @@
+#pragma once
+
+// Framing and value encoding of the smt2 wire protocol (docs/smt2.md), shared by the sender
+// and the receiving end of the desktop platform. All integers are little-endian.
+#include "miscUtils/variant.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace smt2::wire {
+
+inline constexpr std::uint32_t Magic = 0x32544D53; // "SMT2" as bytes on the wire
+inline constexpr std::size_t HeaderSize = 8;          // u32 payload length, u16 type, u16 flags
+inline constexpr std::uint32_t MaxPayload = 16u << 20;
+inline constexpr std::size_t AudioDataHeadSize = 16;  // two u64 time values
+
+struct Header
+{
+    std::uint32_t payloadSize = 0;
+    std::uint16_t type = 0;
+    std::uint16_t flags = 0;
+};
+
+// Appends encoded values to a byte vector.
+class Writer
+{
+public:
+    explicit Writer(std::vector<std::uint8_t>& out) : m_out(out) {}
+    void u8(std::uint8_t v) { m_out.push_back(v); }
+    void u16(std::uint16_t v);
+    void u32(std::uint32_t v);
+    void u64(std::uint64_t v);
+    void string(const std::string& s);
+    void variant(const miscUtils::Variant& v);
+    void hash(const miscUtils::VariantHash& h);
+    void bytes(const std::uint8_t* data, std::size_t size);
+
+private:
+    std::vector<std::uint8_t>& m_out;
+};
+
+// Reads encoded values; every read fails (and keeps failing) past the end or on a malformed
+// value, so a caller checks ok() once at the end.
+class Reader
+{
+public:
+    Reader(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
+    std::uint8_t u8();
+    std::uint16_t u16();
+    std::uint32_t u32();
+    std::uint64_t u64();
+    std::string string();
+    miscUtils::Variant variant();
+    miscUtils::VariantHash hash();
+
+    bool ok() const { return m_ok; }
+    std::size_t remaining() const { return m_ok ? m_size - m_pos : 0; }
+    const std::uint8_t* current() const { return m_data + m_pos; }
+
+private:
+    bool take(std::size_t n);
+    miscUtils::Variant variant(int depth);
+    miscUtils::VariantHash hash(int depth);
+
+    const std::uint8_t* m_data;
+    std::size_t m_size;
+    std::size_t m_pos = 0;
+    bool m_ok = true;
+};
+
+void writeHeader(std::uint8_t* out, std::uint32_t payloadSize, std::uint16_t type);
+Header readHeader(const std::uint8_t* in);
+
+} // namespace smt2::wire

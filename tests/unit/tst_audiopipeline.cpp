@@ -1,0 +1,231 @@
+// The emulated audio pipeline: WAV files per format, one sender at a time, socket path
+// handling and underrun counting, driven by a real smt2 sender.
+#include "LogCapture.h"
+#include "WaitFor.h"
+#include "audiopipeline.h"
+
+#include "miscUtils/ioeventloop.h"
+#include "miscUtils/notime.h"
+#include "smt2/audiosender.h"
+#include "smt2/unixclientsocketchannel.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <sndfile.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+namespace {
+
+struct Client
+{
+    explicit Client(const std::string& path) : loop(1000, "tstPipeClient"), channel(loop.ioEventLoop()), sender(&pool)
+    {
+        channel.setSocketAddress(path);
+        sender.setTransportChannel(channel);
+    }
+    bool connect()
+    {
+        auto f = sender.connect();
+        return waitFor([&] { return f.isReady(); }) && f.get() == smt2::ErrorID::Success;
+    }
+    void format(int rate, int channels)
+    {
+        sender.setAudioSequenceInfo(audioUtils::pcmAudioType(),
+                                    audioUtils::PcmAudioInfo(rate, channels, audioUtils::PcmFormat::S16LE).toVariant().asHash());
+    }
+    bool send(const QByteArray& bytes)
+    {
+        auto f = sender.sendAudioData(miscUtils::NoTimeValue, miscUtils::NoTimeValue,
+                                      {reinterpret_cast<const unsigned char*>(bytes.constData()), size_t(bytes.size())});
+        return waitFor([&] { return f.isReady(); }) && f.get() == smt2::ErrorID::Success;
+    }
+
+    miscUtils::IOEventLoopThread loop;
+    smt2::BufferPool pool;
+    smt2::UnixClientSocketChannel channel;
+    smt2::AudioSender sender;
+};
+
+struct WavFile
+{
+    int rate = 0;
+    int channels = 0;
+    QByteArray bytes;
+};
+
+WavFile readWav(const QString& path)
+{
+    WavFile wav;
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.toLocal8Bit().constData(), SFM_READ, &info);
+    if (!file)
+        return wav;
+    wav.rate = info.samplerate;
+    wav.channels = info.channels;
+    wav.bytes.resize(int(info.frames * info.channels * 2));
+    wav.bytes.resize(int(sf_read_raw(file, wav.bytes.data(), wav.bytes.size())));
+    sf_close(file);
+    return wav;
+}
+
+} // namespace
+
+class TestAudioPipeline : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void wavFilesFollowFormat()
+    {
+        const QString wav = m_dir.filePath("out.wav");
+        vrax::AudioPipeline pipeline(socket(), vrax::makeAudioSink("wav:" + wav.toStdString(), nullptr));
+        QVERIFY(pipeline.start());
+        Client client(socket());
+        QVERIFY(client.connect());
+        const QByteArray a1(4000, 'a'), a2(2001, 'b'), b(3000, 'c'), a3(1000, 'd');
+        client.format(44100, 2);
+        QVERIFY(client.send(a1));
+        client.sender.endCurrentAudioSequence();
+        client.format(44100, 2); // same format: the same file goes on
+        QVERIFY(client.send(a2));
+        QVERIFY(client.send(QByteArray(3, 'b'))); // completes the frame split across messages
+        client.format(48000, 1);
+        QVERIFY(client.send(b));
+        client.format(44100, 2); // back: a third file, not the first again
+        QVERIFY(client.send(a3));
+        WAIT_VERIFY(pipeline.counters().bytes == quint64(a1.size() + a2.size() + 3 + b.size() + a3.size()));
+        QCOMPARE(pipeline.counters().sequences, quint64(4));
+        QCOMPARE(pipeline.counters().format, audioUtils::PcmAudioInfo(44100, 2, audioUtils::PcmFormat::S16LE));
+        pipeline.stop();
+
+        const WavFile first = readWav(wav), second = readWav(m_dir.filePath("out-2.wav")),
+                      third = readWav(m_dir.filePath("out-3.wav"));
+        QCOMPARE(first.rate, 44100);
+        QCOMPARE(first.channels, 2);
+        QVERIFY(first.bytes == a1 + a2 + QByteArray(3, 'b'));
+        QCOMPARE(second.rate, 48000);
+        QCOMPARE(second.channels, 1);
+        QVERIFY(second.bytes == b);
+        QCOMPARE(third.rate, 44100);
+        QVERIFY(third.bytes == a3);
+        QVERIFY(!QFile::exists(m_dir.filePath("out-4.wav")));
+    }
+
+    void oneSenderAtATime()
+    {
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        QVERIFY(pipeline.start());
+        Client first(socket()), second(socket());
+        QVERIFY(first.connect());
+        auto waiting = second.sender.connect();
+        // The second sender got into the backlog and waits for the handshake's answer.
+        WAIT_VERIFY(second.sender.state() == smt2::Sender::Handshaking);
+        QVERIFY(!waiting.isReady());
+        QCOMPARE(pipeline.counters().connections, quint64(1));
+        first.sender.disconnect();
+        WAIT_VERIFY(waiting.isReady());
+        QVERIFY(waiting.get() == smt2::ErrorID::Success);
+        QCOMPARE(pipeline.counters().connections, quint64(2));
+        QVERIFY(pipeline.counters().senderConnected);
+    }
+
+    void socketPath_data()
+    {
+        QTest::addColumn<QString>("existing");
+        QTest::addColumn<bool>("starts");
+        QTest::newRow("nothing there") << QString() << true;
+        QTest::newRow("stale socket") << "socket" << true;
+        QTest::newRow("regular file") << "file" << false;
+    }
+
+    void socketPath()
+    {
+        QFETCH(QString, existing);
+        QFETCH(bool, starts);
+        const std::string path = m_dir.filePath("sub/dir/pipe.sock").toStdString();
+        if (existing == "socket") {
+            // What a crashed pipeline leaves behind: a socket file nobody listens on.
+            QVERIFY(QDir().mkpath(m_dir.filePath("sub/dir")));
+            const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+            QCOMPARE(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+            ::close(fd);
+        } else if (existing == "file") {
+            QVERIFY(QDir().mkpath(m_dir.filePath("sub/dir")));
+            QFile f(QString::fromStdString(path));
+            QVERIFY(f.open(QIODevice::WriteOnly));
+        }
+        vrax::AudioPipeline pipeline(path, nullptr);
+        std::string error;
+        QCOMPARE(pipeline.start(&error), starts);
+        QCOMPARE(QString::fromStdString(error), starts ? QString() : QString::fromStdString(path + " exists and is not a socket"));
+        if (starts) {
+            Client client(path);
+            QVERIFY(client.connect());
+        }
+    }
+
+    void underrunsInRealtime()
+    {
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink(), vrax::AudioPace::Realtime);
+        QVERIFY(pipeline.start());
+        Client client(socket());
+        QVERIFY(client.connect());
+        client.format(8000, 1);
+        const QByteArray tenthSecond(1600, 'x');
+        // One message, so no scheduling hiccup between two can look like a gap in the audio.
+        QVERIFY(client.send(tenthSecond + tenthSecond));
+        WAIT_VERIFY(pipeline.counters().bytes == 3200);
+        QCOMPARE(pipeline.counters().underruns, quint64(0));
+        // The time that passes is what is tested here: 200 ms of audio, then nothing for longer.
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        QVERIFY(client.send(tenthSecond));
+        WAIT_VERIFY(pipeline.counters().bytes == 4800);
+        QCOMPARE(pipeline.counters().underruns, quint64(1));
+        // A flush starts the clock again: the pause after it is no underrun.
+        client.sender.sendFlush();
+        WAIT_VERIFY(pipeline.counters().flushes == 1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        QVERIFY(client.send(tenthSecond));
+        WAIT_VERIFY(pipeline.counters().bytes == 6400);
+        QCOMPARE(pipeline.counters().underruns, quint64(1));
+    }
+
+    void sinkOutputs_data()
+    {
+        QTest::addColumn<QString>("output");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("null") << "null" << QString();
+        QTest::newRow("wav") << "wav:/x.wav" << QString();
+        QTest::newRow("wav without file") << "wav:" << "unknown audio output \"wav:\" (wav:FILE, null or alsa[:DEVICE])";
+        QTest::newRow("unknown") << "pulse" << "unknown audio output \"pulse\" (wav:FILE, null or alsa[:DEVICE])";
+    }
+
+    void sinkOutputs()
+    {
+        QFETCH(QString, output);
+        QFETCH(QString, error);
+        std::string reason;
+        const auto sink = vrax::makeAudioSink(output.toStdString(), &reason);
+        QCOMPARE(bool(sink), error.isEmpty());
+        QCOMPARE(QString::fromStdString(reason), error);
+    }
+
+private:
+    std::string socket() const { return m_dir.filePath("pipe.sock").toStdString(); }
+    LogCapture m_log;
+    QTemporaryDir m_dir;
+};
+
+QTEST_GUILESS_MAIN(TestAudioPipeline)
+#include "tst_audiopipeline.moc"

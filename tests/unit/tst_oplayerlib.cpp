@@ -1,0 +1,379 @@
+#include "OPlayerTestUtil.h"
+
+#include "LogCapture.h"
+#include "TestPlatform.h"
+
+#include "model/cmnode.h"
+#include "model/cmnodes.h"
+#include "model/cmworker.h"
+#include "vrax/vraxpaths.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+#include <cstring>
+#include <memory>
+
+using namespace oplayertest;
+
+namespace {
+const QString kBuildTreePath =
+    QStringLiteral("../../build/Hollowkit-blobs-links/Orvello/lib/linux_x86_64/liboplayer-1.so");
+const QStringList kSearchList = {kInstalledPath, QStringLiteral("/usr/lib64/liboplayer-1.so.1"),
+                                 QStringLiteral("/usr/lib/liboplayer-1.so.1"), kBuildTreePath};
+
+// A platform whose working directory is two levels below its temporary directory, so the
+// build-tree entry of the search list lands inside it too.
+struct Fixture
+{
+    explicit Fixture(const QVariantHash& settings = {}) : platform(settings)
+    {
+        QDir(platform.dir()).mkpath(QStringLiteral("a/b"));
+        QDir::setCurrent(platform.dir() + QStringLiteral("/a/b"));
+    }
+    TestPlatform platform;
+};
+
+CMSetDataRequest pairRequest(const QString& code, CMVoidReply reply)
+{
+    VraxValue value;
+    value.setString_(code);
+    return CMSetDataRequest(VraxOrvelloSetPairCode(), QStringLiteral("value"), value.toVariant(), reply);
+}
+
+// "LEVEL message" of the host's lines; a trailing '*' in expected lines matches any rest.
+QStringList hostLines(const LogCapture& log)
+{
+    QStringList out;
+    for (const LogCapture::Line& line : log.lines()) {
+        if (line.logger != QLatin1String("Orvello"))
+            continue;
+        const char* level = line.level == log4cplus::TRACE_LOG_LEVEL   ? "TRACE"
+                            : line.level == log4cplus::DEBUG_LOG_LEVEL ? "DEBUG"
+                            : line.level == log4cplus::INFO_LOG_LEVEL  ? "INFO"
+                            : line.level == log4cplus::WARN_LOG_LEVEL  ? "WARN"
+                                                                       : "ERROR";
+        out << QString::fromLatin1(level) + QLatin1Char(' ') + line.message;
+    }
+    return out;
+}
+
+bool linesMatch(const QStringList& actual, const QStringList& expected)
+{
+    if (actual.size() != expected.size())
+        return false;
+    for (int i = 0; i < actual.size(); ++i) {
+        const QString& e = expected.at(i);
+        if (e.endsWith(QLatin1Char('*')) ? !actual.at(i).startsWith(e.chopped(1)) : actual.at(i) != e)
+            return false;
+    }
+    return true;
+}
+} // namespace
+
+class TestOPlayerLib : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase()
+    {
+        for (const QString& system : {kSearchList.at(1), kSearchList.at(2)}) {
+            if (QFile::exists(system))
+                QSKIP("a system copy of the player library is installed on this machine");
+        }
+        QVERIFY(!QFile::exists(kDownloadPath));
+    }
+
+    void searchList_data()
+    {
+        QTest::addColumn<QString>("first");  // placed at data-rw/orvello
+        QTest::addColumn<QString>("fourth"); // placed in the developer build tree
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<QStringList>("lines");
+
+        auto missing = [](const QString& path) {
+            return QStringList{QStringLiteral("TRACE Considering liboplayer path: ") + path,
+                               QStringLiteral("TRACE ") + path + QStringLiteral(" does not exist")};
+        };
+        auto found = [](const QString& path) {
+            return QStringList{QStringLiteral("TRACE Considering liboplayer path: ") + path,
+                               QStringLiteral("DEBUG Found liboplayer at ") + path + QStringLiteral(" loading")};
+        };
+        const QString enter = QStringLiteral("TRACE Enter OPlayerLib::load()");
+        const QString running = QStringLiteral("INFO Running SDK version: fake-9.9.9");
+
+        QTest::newRow("nothing anywhere")
+            << QString() << QString() << false
+            << (QStringList{enter} + missing(kSearchList[0]) + missing(kSearchList[1]) + missing(kSearchList[2])
+                + missing(kSearchList[3]) + QStringList{QStringLiteral("ERROR Failed to load oplayer-1 library")});
+        QTest::newRow("good first") << QStringLiteral(FAKE_GOOD) << QString() << true
+                                    << (QStringList{enter} + found(kSearchList[0]) + QStringList{running});
+        QTest::newRow("without entry symbol, then good")
+            << QStringLiteral(FAKE_NOSYMBOL) << QStringLiteral(FAKE_GOOD) << true
+            << (QStringList{enter} + found(kSearchList[0])
+                + QStringList{QStringLiteral("ERROR Error resolving the OPLAYER_API symbol: *")}
+                + missing(kSearchList[1]) + missing(kSearchList[2]) + found(kSearchList[3]) + QStringList{running});
+        QTest::newRow("not a library, then good")
+            << QStringLiteral(BROKEN_FILE) << QStringLiteral(FAKE_GOOD) << true
+            << (QStringList{enter} + found(kSearchList[0])
+                + QStringList{QStringLiteral("ERROR Error loading the oplayer-1 library from path ") + kSearchList[0]
+                              + QStringLiteral(": *")}
+                + missing(kSearchList[1]) + missing(kSearchList[2]) + found(kSearchList[3]) + QStringList{running});
+        QTest::newRow("create fails, then good")
+            << QStringLiteral(FAKE_CREATE_FAILS) << QStringLiteral(FAKE_GOOD) << true
+            << (QStringList{enter} + found(kSearchList[0])
+                + QStringList{QStringLiteral("ERROR Unable to allocate OPlayer. Error: 5")} + missing(kSearchList[1])
+                + missing(kSearchList[2]) + found(kSearchList[3]) + QStringList{running});
+        QTest::newRow("create fails but sets the handle")
+            << QStringLiteral(FAKE_CREATE_FAILS_WITH_HANDLE) << QString() << true
+            << (QStringList{enter} + found(kSearchList[0]) + QStringList{running});
+    }
+
+    void searchList()
+    {
+        QFETCH(QString, first);
+        QFETCH(QString, fourth);
+        QFETCH(bool, ok);
+        QFETCH(QStringList, lines);
+        Fixture fixture;
+        CMNodes nodes;
+        CMValueNode* version = CMValueNode::create(&nodes, VraxOrvelloSdkVersion(), nullptr);
+        if (!first.isEmpty())
+            QVERIFY(placeLibrary(first, kSearchList[0]));
+        if (!fourth.isEmpty())
+            QVERIFY(placeLibrary(fourth, kSearchList[3]));
+
+        LogCapture log;
+        OPlayerLib lib(initParams());
+        const QStringList actual = hostLines(log);
+        QVERIFY2(linesMatch(actual, lines), qPrintable(log.dump()));
+        QCOMPARE(lib.ok(), ok);
+        QCOMPARE(version->value().string_(), ok ? QStringLiteral("fake-9.9.9") : QString());
+        if (!first.isEmpty() && first != QLatin1String(FAKE_GOOD) && !fourth.isEmpty())
+            QVERIFY2(!loadedSymbol(kSearchList[0], "fake_create_calls"), "the failed library is still mapped");
+        lib.unload();
+    }
+
+    void creationRecord_data()
+    {
+        QTest::addColumn<QVariant>("cacheEnabled");
+        QTest::addColumn<int>("disableCache");
+        QTest::newRow("cache enabled") << QVariant(true) << 0;
+        QTest::newRow("cache disabled") << QVariant(false) << 1;
+        QTest::newRow("cache setting absent") << QVariant() << 1;
+    }
+
+    void creationRecord()
+    {
+        QFETCH(QVariant, cacheEnabled);
+        QFETCH(int, disableCache);
+        QVariantHash settings;
+        if (cacheEnabled.isValid())
+            settings.insert(VraxOrvelloCacheEnabled().toString(), cacheEnabled);
+        Fixture fixture(settings);
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_GOOD), kInstalledPath));
+        OPlayerLib lib(initParams());
+        QVERIFY(lib.ok());
+
+        unsigned char bytes[sizeof(oplayer_create_params)];
+        auto record = reinterpret_cast<void (*)(unsigned char*)>(loadedSymbol(kInstalledPath, "fake_create_params_bytes"));
+        auto text = reinterpret_cast<const char* (*)(int)>(loadedSymbol(kInstalledPath, "fake_create_string"));
+        QVERIFY(record && text);
+        record(bytes);
+        auto i32 = [&](int offset) { qint32 v; std::memcpy(&v, bytes + offset, 4); return v; };
+        auto ptr = [&](int offset) { void* v; std::memcpy(&v, bytes + offset, 8); return v; };
+
+        QCOMPARE(i32(0), 5);
+        QCOMPARE(i32(4), 0);
+        auto* audio = static_cast<oplayer_audio_api*>(ptr(8));
+        QVERIFY(audio);
+        QCOMPARE(audio->user, static_cast<void*>(lib.playbackApi()));
+        QCOMPARE(i32(16), 0x1234);
+        QCOMPARE(i32(20), 0);
+        QCOMPARE(i32(32), 300);
+        QCOMPARE(i32(36), 50);
+        QCOMPARE(i32(40), 2);     // channels first in the C record
+        QCOMPARE(i32(44), 44100); // then the rate
+        QCOMPARE(QByteArray(text(0)), QByteArray("/var/cache/orvello"));
+        QCOMPARE(QByteArray(text(1)), QByteArray("SN-0042"));
+        QCOMPARE(QByteArray(text(2)), QByteArray("Vrax Test Amp")); // product before secret
+        QCOMPARE(QByteArray(text(3)), QByteArray("vendor-secret"));
+        QCOMPARE(QByteArray(text(4)), QByteArray("1.0"));
+        QCOMPARE(int(bytes[80]), 0);
+        QCOMPARE(int(bytes[81]), 1);
+        QCOMPARE(int(bytes[82]), disableCache);
+        for (int offset = 83; offset < 88; ++offset)
+            QCOMPARE(int(bytes[offset]), 0);
+        QCOMPARE(ptr(88), reinterpret_cast<void*>(&orvello_load_token));
+        QCOMPARE(ptr(96), reinterpret_cast<void*>(&orvello_save_token));
+        lib.unload();
+    }
+
+    void tokenReader_data()
+    {
+        QTest::addColumn<QString>("token");
+        QTest::addColumn<QByteArray>("buffer"); // an 8-byte buffer filled with '#' before the call
+        QTest::newRow("shorter") << QStringLiteral("abc") << QByteArray("abc#####");
+        QTest::newRow("exactly the size, no NUL") << QStringLiteral("abcdefgh") << QByteArray("abcdefgh");
+        QTest::newRow("longer, cut") << QStringLiteral("abcdefghij") << QByteArray("abcdefgh");
+        QTest::newRow("multi-byte") << QStringLiteral("\u00e4\u00e4") << QByteArray("\xc3\xa4\xc3\xa4####");
+        QTest::newRow("none") << QString() << QByteArray("########");
+    }
+
+    void tokenReader()
+    {
+        QFETCH(QString, token);
+        QFETCH(QByteArray, buffer);
+        QVariantHash settings;
+        if (!token.isNull())
+            settings.insert(VraxOrvelloTokenPath().toString(), token);
+        TestPlatform platform(settings);
+        QByteArray out(9, '#');
+        out[8] = '!';
+        orvello_load_token(out.data(), 8);
+        QCOMPARE(out, buffer + '!');
+    }
+
+    void tokenWriter()
+    {
+        TestPlatform platform;
+        orvello_save_token("t0k3n");
+        QCOMPARE(platform.setting(VraxOrvelloTokenPath()).toHash().value(VraxValue::StringKey()).toString(),
+                 QStringLiteral("t0k3n"));
+        orvello_save_token(nullptr);
+        QVERIFY(platform.setting(VraxOrvelloTokenPath()).toHash().value(VraxValue::StringKey()).toString().isEmpty());
+    }
+
+    void mainLoopEnds()
+    {
+        Fixture fixture;
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_GOOD), kInstalledPath));
+        OPlayerLib lib(initParams());
+        QVERIFY(lib.ok());
+        OPlayerPlaybackApi* bridge = lib.playbackApi();
+        QCOMPARE(bridge->getVolume(), 1);
+        QSignalSpy ended(&lib, &OPlayerLib::endOfLoop);
+        LogCapture log;
+        lib.requestExit();
+        QCOMPARE(fakeCounter(kInstalledPath, "fake_exit_mode"), 2);
+        QTRY_COMPARE(ended.count(), 1);
+        QCOMPARE(fakeCounter(kInstalledPath, "fake_destroy_calls"), 1);
+        QVERIFY(!lib.ok());
+        QCOMPARE(lib.playbackApi(), bridge);
+        QVERIFY(bridge->isPaused());
+        QCOMPARE(bridge->getVolume(), -1);
+        QCOMPARE(log.messages(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Orvello")),
+                 (QStringList{QStringLiteral("Requesting exit at end of song"),
+                              QStringLiteral("End of oplayer main loop, cleaning up")}));
+        lib.requestExit();
+        QVERIFY(log.contains(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("m_oplayer is nullptr, returning")));
+        lib.unload();
+    }
+
+    void pairing_data()
+    {
+        QTest::addColumn<QString>("library");
+        QTest::addColumn<bool>("success");
+        QTest::addColumn<QString>("errorLine");
+        QTest::addColumn<QVariant>("errorArg");
+        QTest::newRow("no library") << QString() << false << QStringLiteral("m_oplayer is nullptr, returning")
+                                    << QVariant();
+        QTest::newRow("start refused with 7")
+            << QStringLiteral(FAKE_PAIR_START_ERROR) << false
+            << QStringLiteral("Error while initiating device pairing, code: 7") << QVariant(7);
+        QTest::newRow("failed outcome without message")
+            << QStringLiteral(FAKE_PAIR_NULL_MESSAGE) << false
+            << QStringLiteral("Error while initiating device pairing, message: ") << QVariant(QString());
+        QTest::newRow("success after a second") << QStringLiteral(FAKE_GOOD) << true << QString() << QVariant();
+    }
+
+    void pairing()
+    {
+        QFETCH(QString, library);
+        QFETCH(bool, success);
+        QFETCH(QString, errorLine);
+        QFETCH(QVariant, errorArg);
+        Fixture fixture;
+        if (!library.isEmpty())
+            QVERIFY(placeLibrary(library, kInstalledPath));
+        OPlayerLib lib(initParams());
+        QCOMPARE(lib.ok(), !library.isEmpty());
+
+        LogCapture log;
+        CMVoidReply reply;
+        int answers = 0;
+        reply.onFinished(this, [&answers]() { ++answers; });
+        lib.pair(pairRequest(QStringLiteral("AB\u00c412"), reply));
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 5000);
+        QTRY_COMPARE(answers, 1);
+
+        if (!library.isEmpty()) {
+            char code[16] = {};
+            auto lastCode = reinterpret_cast<int (*)(char*, int)>(loadedSymbol(kInstalledPath, "fake_last_code"));
+            QVERIFY(lastCode);
+            QCOMPARE(lastCode(code, sizeof(code)), 6);
+            QCOMPARE(QByteArray(code, 6), QByteArray("AB\xc3\x84" "12"));
+        }
+        QCOMPARE(reply.isError(), !success);
+        const QString deviceId = VraxHash(CMRoot()->getValue(VraxOrvelloDeviceId()).toHash()).string_();
+        if (success) {
+            QCOMPARE(deviceId, QStringLiteral("fake-device-1"));
+            QCOMPARE(log.messages(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Orvello")).last(),
+                     QStringLiteral("Pairing successful"));
+            const int polls = fakeCounter(kInstalledPath, "fake_poll_calls");
+            QVERIFY2(polls >= 5 && polls <= 11, qPrintable(QString::number(polls))); // one per 100 ms
+            QCOMPARE(fakeCounter(kInstalledPath, "fake_release_calls"), 1);
+        } else {
+            QVERIFY(deviceId.isEmpty());
+            QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Orvello")), QStringList{errorLine});
+            const TrString message = reply.error().message();
+            QCOMPARE(message.context(), QStringLiteral("OPlayerLib"));
+            if (library.isEmpty()) {
+                QCOMPARE(message.source(), QStringLiteral("Internal error, library is not initialized"));
+                QVERIFY(message.args().isEmpty());
+            } else {
+                QCOMPARE(message.source(), QStringLiteral("Error while initiating device pairing, error: %1"));
+                QCOMPARE(message.args().size(), 1);
+                QCOMPARE(message.args().first().value(), errorArg);
+            }
+        }
+        if (library == QLatin1String(FAKE_PAIR_NULL_MESSAGE))
+            QCOMPARE(fakeCounter(kInstalledPath, "fake_release_calls"), 1);
+        lib.unload();
+    }
+
+    void pendingDownloadAtConstruction()
+    {
+        Fixture fixture;
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_CREATE_FAILS), kInstalledPath)); // an old copy
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_GOOD), kDownloadPath));
+        OPlayerLib lib(initParams());
+        QVERIFY(lib.ok());
+        QVERIFY(!QFile::exists(kDownloadPath));
+        QVERIFY(loadedSymbol(kInstalledPath, "fake_create_calls"));
+        QCOMPARE(fakeCounter(kInstalledPath, "fake_create_calls"), 1);
+
+        LogCapture log;
+        QVERIFY(!lib.update()); // nothing waiting: nothing changes
+        QVERIFY(lib.ok());
+        QVERIFY(log.lines().isEmpty());
+        lib.unload();
+    }
+
+    void updateWithoutPersistentDirectory()
+    {
+        Fixture fixture;
+        OPlayerLib lib(initParams());
+        QVERIFY(QDir(QStringLiteral("data-rw/orvello")).removeRecursively());
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_GOOD), kDownloadPath));
+        LogCapture log;
+        QVERIFY(!lib.update());
+        QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Orvello")),
+                 QStringList{QStringLiteral("The persistent Orvello directory does not exist: data-rw/orvello")});
+        QVERIFY(QFile::exists(kDownloadPath));
+        QVERIFY(QFile::remove(kDownloadPath));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestOPlayerLib)
+#include "tst_oplayerlib.moc"

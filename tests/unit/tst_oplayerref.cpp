@@ -1,0 +1,268 @@
+// The library host driving the reference player library.
+#include "OPlayerTestUtil.h"
+
+#include "LogCapture.h"
+#include "TestPlatform.h"
+
+#include "model/cmnode.h"
+#include "model/cmnodes.h"
+#include "model/cmworker.h"
+#include "vrax/vraxpaths.h"
+
+#include <QLibrary>
+#include <QSignalSpy>
+#include <QTest>
+
+using namespace oplayertest;
+
+namespace {
+QString setting(const CMPath& path)
+{
+    return VraxHash(CMRoot()->getValue(path).toHash()).string_();
+}
+
+// Collects the bridge's pause and volume signals on the test's thread (they are emitted on the
+// library's audio thread).
+struct Announcements : QObject
+{
+    explicit Announcements(OPlayerPlaybackApi* api)
+    {
+        connect(api, &OPlayerPlaybackApi::pauseChanged, this, [this](bool paused) { pauses << paused; });
+        connect(api, &OPlayerPlaybackApi::volumeChanged, this, [this](int volume) { volumes << volume; });
+    }
+    QList<bool> pauses;
+    QList<int> volumes;
+};
+
+// Takes half of what is offered and nothing every third call, and checks that every offer
+// starts exactly where the host stopped taking.
+class HalfSink : public AudioSink
+{
+public:
+    using AudioSink::AudioSink;
+    std::atomic<int> discontinuities{0};
+
+protected:
+    unsigned long onData(const short* samples, unsigned long count, unsigned int* out) override
+    {
+        *out = 0;
+        const int call = ++calls;
+        if (call > 1 && m_expectFirst && samples[0] != m_nextSample)
+            ++discontinuities;
+        if (call % 3 == 0) {
+            m_expectFirst = true;
+            m_nextSample = samples[0];
+            return 0;
+        }
+        const unsigned long taken = count > 1 ? count / 2 : count;
+        m_expectFirst = taken < count;
+        if (m_expectFirst)
+            m_nextSample = samples[taken];
+        consumed += taken;
+        return taken;
+    }
+
+private:
+    bool m_expectFirst = false; // only the library's audio thread touches these
+    short m_nextSample = 0;
+};
+} // namespace
+
+class TestOPlayerRef : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase()
+    {
+        qputenv("OPLAYER_REF_TRACK_SECONDS", "2");
+    }
+
+    void createRejectsBadRecords_data()
+    {
+        QTest::addColumn<int>("change");
+        QTest::addColumn<QByteArray>("trackSeconds");
+        QTest::addColumn<int>("error");
+        QTest::newRow("valid") << 0 << QByteArray("2") << 0;
+        QTest::newRow("no audio table") << 1 << QByteArray("2") << 22;
+        QTest::newRow("wrong init tag") << 2 << QByteArray("2") << 22;
+        QTest::newRow("no channels") << 3 << QByteArray("2") << 23;
+        QTest::newRow("1000 channels") << 4 << QByteArray("2") << 23;
+        QTest::newRow("rate 0") << 5 << QByteArray("2") << 23;
+        QTest::newRow("rate 10 MHz") << 6 << QByteArray("2") << 23;
+        QTest::newRow("track seconds not a number") << 0 << QByteArray("two") << 24;
+        QTest::newRow("track seconds 0") << 0 << QByteArray("0") << 24;
+    }
+
+    void createRejectsBadRecords()
+    {
+        QFETCH(int, change);
+        QFETCH(QByteArray, trackSeconds);
+        QFETCH(int, error);
+        qputenv("OPLAYER_REF_TRACK_SECONDS", trackSeconds);
+        QLibrary file(QStringLiteral(OPLAYER_REF_1_0_0));
+        QVERIFY2(file.load(), qPrintable(file.errorString()));
+        auto* api = reinterpret_cast<const oplayer_api*>(file.resolve(OPLAYER_API_SYMBOL));
+        QVERIFY(api);
+        OPlayerPlaybackApi bridge;
+        oplayer_create_params params{};
+        params.init_tag = OPLAYER_INIT_TAG;
+        params.audio_api = bridge.getAudioApi();
+        params.output_channels = 2;
+        params.output_sample_rate = 48000;
+        switch (change) {
+        case 1: params.audio_api = nullptr; break;
+        case 2: params.init_tag = 4; break;
+        case 3: params.output_channels = 0; break;
+        case 4: params.output_channels = 1000; break;
+        case 5: params.output_sample_rate = 0; break;
+        case 6: params.output_sample_rate = 10000000; break;
+        }
+        oplayer* player = reinterpret_cast<oplayer*>(0x1);
+        QCOMPARE(api->create(params, &player), error);
+        QCOMPARE(player == nullptr, error != 0);
+        if (player)
+            api->destroy(player);
+        QVERIFY(file.unload());
+        qputenv("OPLAYER_REF_TRACK_SECONDS", "2");
+    }
+
+    void mainLoopPublishesTrackData()
+    {
+        TestPlatform platform;
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        OPlayerLib lib(initParams());
+        QVERIFY(lib.ok());
+        // One and a half seconds of stereo at 44.1 kHz, then the sink refuses everything.
+        AudioSink sink(lib.playbackApi(), 44100ul * 2 * 3 / 2);
+        Announcements announced(lib.playbackApi());
+        QSignalSpy data(lib.playbackApi(), &OPlayerPlaybackApi::dataChanged);
+        QVERIFY(lib.playbackApi()->isPaused());
+
+        QVERIFY(lib.playbackApi()->resume());
+        QTRY_COMPARE(announced.pauses, QList<bool>{false});
+        QCOMPARE(sink.inits.load(), 1);
+        QCOMPARE(sink.channelsSeen.load(), 2);
+        QCOMPARE(sink.rateSeen.load(), 44100);
+        QTRY_VERIFY(!data.isEmpty() && data.last().at(1).value<long>() == 1000L);
+        QTRY_COMPARE(sink.consumed.load(), 44100ul * 3);
+        const auto track = data.last().at(0).value<VraxStreamerData>();
+        QCOMPARE(track.trackRoles().title().toString(), QStringLiteral("Morning Light"));
+        QCOMPARE(track.trackRoles().mediaData().metaData().artist(), QStringLiteral("Ada Lumen"));
+        QCOMPARE(track.trackRoles().mediaData().metaData().album(), QStringLiteral("Open Hours"));
+        QCOMPARE(track.trackRoles().icon(), QStringLiteral("https://art.oplayer-ref.invalid/1.png"));
+        QCOMPARE(track.status().duration(), 2000LL);
+
+        QVERIFY(lib.playbackApi()->setVolume(30));
+        QCOMPARE(lib.playbackApi()->getVolume(), 30);
+        QTRY_COMPARE(announced.volumes, QList<int>{30});
+        QVERIFY(lib.playbackApi()->pause());
+        QTRY_COMPARE(announced.pauses, (QList<bool>{false, true}));
+        QVERIFY(lib.playbackApi()->isPaused());
+        stopLibrary(lib);
+        QCOMPARE(sink.shutdowns.load(), 1);
+    }
+
+    void unconsumedAudioIsOfferedAgain()
+    {
+        TestPlatform platform;
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        OPlayerLib lib(initParams());
+        HalfSink sink(lib.playbackApi());
+        QVERIFY(lib.playbackApi()->resume());
+        QTRY_VERIFY(sink.calls > 300);
+        QVERIFY(lib.playbackApi()->pause());
+        stopLibrary(lib);
+        QCOMPARE(sink.discontinuities.load(), 0);
+    }
+
+    void playsByItselfWithToken()
+    {
+        TestPlatform platform({{VraxOrvelloTokenPath().toString(), QStringLiteral("saved-token")}});
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        OPlayerLib lib(initParams());
+        AudioSink sink(lib.playbackApi());
+        Announcements announced(lib.playbackApi());
+        QTRY_COMPARE(announced.pauses, QList<bool>{false});
+        QTRY_VERIFY(sink.consumed > 0);
+        QCOMPARE(sink.inits.load(), 1);
+        stopLibrary(lib);
+    }
+
+    void pairing_data()
+    {
+        QTest::addColumn<QString>("code");
+        QTest::addColumn<QString>("refusal");
+        QTest::newRow("valid") << QStringLiteral("A1B2C3") << QString();
+        QTest::newRow("refused Z code") << QStringLiteral("Z999")
+                                        << QStringLiteral("The pairing code Z999 was refused by the service");
+    }
+
+    void pairing()
+    {
+        QFETCH(QString, code);
+        QFETCH(QString, refusal);
+        TestPlatform platform;
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        OPlayerLib lib(initParams());
+        AudioSink sink(lib.playbackApi());
+        Announcements announced(lib.playbackApi());
+
+        CMVoidReply reply;
+        VraxValue value;
+        value.setString_(code);
+        lib.pair(CMSetDataRequest(VraxOrvelloSetPairCode(), QStringLiteral("value"), value.toVariant(), reply));
+        QVERIFY(!reply.isFinished());
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 5000);
+        if (refusal.isEmpty()) {
+            QVERIFY(!reply.isError());
+            QVERIFY(setting(VraxOrvelloDeviceId()).startsWith(QLatin1String("oplayer-ref-")));
+            QVERIFY(!setting(VraxOrvelloTokenPath()).isEmpty());
+            QTRY_COMPARE(announced.pauses, QList<bool>{false}); // paired: the station starts
+        } else {
+            QVERIFY(reply.isError());
+            QCOMPARE(reply.error().message().source(), QStringLiteral("Error while initiating device pairing, error: %1"));
+            QCOMPARE(reply.error().message().args().size(), 1);
+            QCOMPARE(reply.error().message().args().first().value().toString(), refusal);
+            QVERIFY(setting(VraxOrvelloDeviceId()).isEmpty());
+            QVERIFY(setting(VraxOrvelloTokenPath()).isEmpty());
+        }
+        stopLibrary(lib);
+    }
+
+    void updateSwapsVersionsAtEndOfSong()
+    {
+        TestPlatform platform;
+        CMNodes nodes;
+        CMValueNode* version = CMValueNode::create(&nodes, VraxOrvelloSdkVersion(), nullptr);
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        OPlayerLib lib(initParams());
+        QCOMPARE(version->value().string_(), QStringLiteral("1.0.0"));
+        AudioSink sink(lib.playbackApi());
+        QVERIFY(lib.playbackApi()->resume());
+        QTRY_VERIFY(sink.consumed > 0);
+
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_1_0), kDownloadPath));
+        bool updated = false;
+        connect(&lib, &OPlayerLib::endOfLoop, this, [&]() { updated = lib.update(); });
+        LogCapture log;
+        lib.requestExit();
+        QTRY_VERIFY_WITH_TIMEOUT(updated, 10000);
+        QVERIFY2(log.contains(log4cplus::INFO_LOG_LEVEL, QStringLiteral("End of oplayer main loop, cleaning up")),
+                 qPrintable(log.dump()));
+        QCOMPARE(sink.shutdowns.load(), 1); // the song was played to its end
+        QVERIFY(lib.ok());
+        QCOMPARE(version->value().string_(), QStringLiteral("1.1.0"));
+        QVERIFY(!QFile::exists(kDownloadPath));
+        QFile installed(kInstalledPath);
+        QFile built(QStringLiteral(OPLAYER_REF_1_1_0));
+        QVERIFY(installed.open(QIODevice::ReadOnly) && built.open(QIODevice::ReadOnly));
+        QVERIFY(installed.readAll() == built.readAll());
+        QVERIFY(log.contains(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Running SDK version: 1.1.0")));
+
+        lib.disconnect(this);
+        stopLibrary(lib);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestOPlayerRef)
+#include "tst_oplayerref.moc"

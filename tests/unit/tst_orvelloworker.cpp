@@ -1,0 +1,154 @@
+// The module as the platform sees it: liborvello.so loaded with dlopen, worker_create, the
+// published nodes, the scratch directory, and clean deletion.
+#include "LogCapture.h"
+#include "TestPlatform.h"
+
+#include "OrvelloWorker.h"
+
+#include "model/cmnode.h"
+#include "vrax/vraxpaths.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QProcess>
+#include <QTest>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+namespace {
+const char* const kReadOnlyCase = "--read-only-scratch-case";
+const QString kScratch = QStringLiteral("/tmp/orvello");
+
+QStringList errors(const LogCapture& log)
+{
+    return log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL);
+}
+} // namespace
+
+class TestOrvelloWorker : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void init() { QDir(kScratch).removeRecursively(); }
+    void moduleCreatesWorkerThroughEntry();
+    void scratchDirectoryExists();
+    void prepareDirectoryCreatesParents();
+    void scratchDirectoryNotWritable();
+};
+
+void TestOrvelloWorker::moduleCreatesWorkerThroughEntry()
+{
+    TestPlatform t;
+    LogCapture log;
+    void* module = dlopen(ORVELLO_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+    QVERIFY2(module, dlerror());
+    auto create = reinterpret_cast<CMWorkerCreateFunction>(dlsym(module, "worker_create"));
+    QVERIFY(create);
+    QVERIFY(!dlsym(module, "_ZN13OrvelloWorker16prepareDirectoryERK7QStringKi")); // nothing else is exported
+
+    const QVariantHash config{{QStringLiteral("ignored"), 1}};
+    CMWorker* worker = create(nullptr, &config);
+    QVERIFY(worker);
+    QCOMPARE(worker->name(), QStringLiteral("OrvelloWorker"));
+
+    auto* page = qobject_cast<CMListRowsNode*>(t.platform().node(CMPath(QStringLiteral("orvello/browse"))));
+    auto* row = qobject_cast<CMValueNode*>(t.platform().node(CMPath(QStringLiteral("orvello/browse/uiPairCode"))));
+    auto* version = qobject_cast<CMValueNode*>(t.platform().node(CMPath(QStringLiteral("orvello/sdkVersion"))));
+    QVERIFY(page && row && version);
+    QCOMPARE(row->title().toString(), QStringLiteral("Pairing Code"));
+    QCOMPARE(version->title().toString(), QStringLiteral("Orvello SDK version number"));
+    QCOMPARE(version->title().context(), QStringLiteral("OrvelloWorker"));
+    QVERIFY(QFileInfo(kScratch).isDir());
+    QVERIFY2(errors(log).isEmpty(), qPrintable(log.dump()));
+    QCOMPARE(log.messages(log4cplus::TRACE_LOG_LEVEL).first(),
+             QStringLiteral("Enter OrvelloUI::OrvelloUI(CMNodes*, const CMPath&)"));
+    QVERIFY(log.contains(log4cplus::TRACE_LOG_LEVEL, QStringLiteral("Enter OrvelloWorker::OrvelloWorker(const QVariantHash&)")));
+    QVERIFY(log.contains(log4cplus::TRACE_LOG_LEVEL,
+                         QStringLiteral("Enter OrvelloWorker::prepareDirectory(const QString&) const: /tmp/orvello")));
+
+    delete worker;
+    QVERIFY(t.platform().nodePaths().isEmpty());
+    QCOMPARE(dlclose(module), 0);
+}
+
+void TestOrvelloWorker::scratchDirectoryExists()
+{
+    TestPlatform t;
+    QVERIFY(QDir().mkpath(kScratch));
+    LogCapture log;
+    OrvelloWorker worker{QVariantHash()};
+    QVERIFY2(errors(log).isEmpty(), qPrintable(log.dump()));
+    QVERIFY(t.platform().node(VraxOrvelloSdkVersion()));
+}
+
+void TestOrvelloWorker::prepareDirectoryCreatesParents()
+{
+    TestPlatform t;
+    OrvelloWorker worker{QVariantHash()};
+    LogCapture log;
+    const QString nested = t.dir() + QStringLiteral("/a/b/c");
+    QVERIFY(worker.prepareDirectory(nested));
+    QVERIFY(QFileInfo(nested).isDir());
+
+    QFile blocker(t.dir() + QStringLiteral("/file"));
+    QVERIFY(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    QVERIFY(!worker.prepareDirectory(blocker.fileName() + QStringLiteral("/sub")));
+    QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL),
+             QStringList{QStringLiteral("Can not create directory :") + blocker.fileName() + QStringLiteral("/sub")});
+}
+
+// A directory that is really not writable, also for root: a read-only bind mount in a mount
+// namespace of the child's own. The child runs the case and reports through its exit code.
+void TestOrvelloWorker::scratchDirectoryNotWritable()
+{
+    if (geteuid() != 0)
+        QSKIP("needs root to make a private read-only mount of /tmp/orvello");
+    if (QProcess::execute(QStringLiteral("unshare"), {QStringLiteral("-m"), QStringLiteral("true")}) != 0)
+        QSKIP("this machine does not allow mount namespaces, so /tmp/orvello cannot be made read-only for root");
+    QProcess child;
+    child.setProcessChannelMode(QProcess::MergedChannels);
+    const QString script = QStringLiteral(
+        "mount -t tmpfs tmpfs /tmp && mkdir /tmp/orvello && mount --bind /tmp/orvello /tmp/orvello "
+        "&& mount -o remount,bind,ro /tmp/orvello && exec \"$0\" %1").arg(QLatin1String(kReadOnlyCase));
+    child.start(QStringLiteral("unshare"), {QStringLiteral("-m"), QStringLiteral("--propagation"), QStringLiteral("private"),
+                                            QStringLiteral("sh"), QStringLiteral("-c"), script,
+                                            QCoreApplication::applicationFilePath()});
+    QVERIFY(child.waitForFinished(60000));
+    QVERIFY2(child.exitCode() == 0, child.readAll().constData());
+}
+
+// Runs in the child of scratchDirectoryNotWritable, where /tmp/orvello is a read-only mount.
+static int readOnlyScratchCase()
+{
+    TestPlatform t;
+    LogCapture log;
+    {
+        OrvelloWorker worker{QVariantHash()};
+        const QStringList expected{QStringLiteral("Can not write to /tmp/orvello"),
+                                   QStringLiteral("Can not init OrvelloWorker without /tmp/orvello dir")};
+        if (log.messages(log4cplus::ERROR_LOG_LEVEL) != expected) {
+            fprintf(stderr, "unexpected log:\n%s", qPrintable(log.dump()));
+            return 1;
+        }
+        // The inert worker still publishes its page and version node, and nothing else.
+        if (!t.platform().node(VraxOrvelloSdkVersion()) || t.platform().node(VraxOrvelloSetPairCode())
+            || t.platform().nodePaths().size() != 3) {
+            fprintf(stderr, "unexpected nodes\n");
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    if (argc > 1 && qstrcmp(argv[1], kReadOnlyCase) == 0)
+        return readOnlyScratchCase();
+    TestOrvelloWorker test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+#include "tst_orvelloworker.moc"

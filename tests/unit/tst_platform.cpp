@@ -1,0 +1,311 @@
+// The desktop platform's core: replies, settings store, value and action delivery, texts.
+#include "LogCapture.h"
+#include "TestPlatform.h"
+
+#include "model/cmnode.h"
+#include "model/cmnodes.h"
+#include "model/cmworker.h"
+#include "vrax/dbglog.h"
+#include "vrax/vraxpaths.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSignalSpy>
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+
+class Receiver : public QObject
+{
+    Q_OBJECT
+public:
+    QList<CMSetDataRequest> requests;
+    QList<VraxValue> values;
+    void onValidate(const CMSetDataRequest& request, const VraxValue& value)
+    {
+        requests << request;
+        values << value;
+    }
+    void onInvoke(const CMSetDataRequest& request) { requests << request; }
+};
+
+class TestPlatformCore : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void replyIsAnsweredOnce();
+    void lateWatcherRunsFromEventLoop();
+    void watcherRunsOnReceiverThread();
+    void watcherOfDestroyedReceiverIsDropped();
+    void cancelKeepsAnEarlierAnswer();
+
+    void settingsAreTypedAndWrittenBack();
+    void badSettingsFileIsRefused_data();
+    void badSettingsFileIsRefused();
+    void settingThatCannotBeWrittenIsNotKept();
+
+    void setValueRoutes();
+    void invokeDeliversQueuedToTheAction();
+
+    void signatureTexts_data();
+    void signatureTexts();
+    void translatableTextAppliesArguments();
+};
+
+void TestPlatformCore::replyIsAnsweredOnce()
+{
+    LogCapture log;
+    CMReply<QVariant> reply;
+    int finished = 0;
+    reply.onFinished(nullptr, [&] { ++finished; });
+    CMVoidReply copy = reply;
+    copy.setError(CMError(TrString("first")));
+    reply.setValue(QVariant(42));
+    QCOMPARE(finished, 1);
+    QVERIFY(reply.isFinished());
+    QCOMPARE(reply.error().message(), TrString("first"));
+    QVERIFY(!reply.value().isValid());
+    QCOMPARE(log.messages(log4cplus::WARN_LOG_LEVEL).size(), 1);
+}
+
+void TestPlatformCore::lateWatcherRunsFromEventLoop()
+{
+    CMReply<int> reply;
+    reply.setValue(7);
+    QObject receiver;
+    int got = 0;
+    reply.onSuccess(&receiver, [&](const int& value) { got = value; });
+    QCOMPARE(got, 0); // never inside the call that adds it
+    QTRY_COMPARE(got, 7);
+
+    bool errorSeen = false;
+    reply.onError(&receiver, [&](const CMError&) { errorSeen = true; });
+    QCoreApplication::processEvents();
+    QVERIFY(!errorSeen);
+}
+
+void TestPlatformCore::watcherRunsOnReceiverThread()
+{
+    QObject receiver;
+    CMVoidReply reply;
+    std::atomic<QThread*> ranOn{nullptr};
+    reply.onFinished(&receiver, [&] { ranOn = QThread::currentThread(); });
+    QThread* answering = QThread::create([reply]() mutable { reply.setValue(); });
+    answering->start();
+    QVERIFY(answering->wait(5000));
+    delete answering;
+    QTRY_COMPARE(ranOn.load(), QThread::currentThread());
+}
+
+void TestPlatformCore::watcherOfDestroyedReceiverIsDropped()
+{
+    CMVoidReply reply;
+    bool ran = false;
+    {
+        QObject receiver;
+        reply.onFinished(&receiver, [&] { ran = true; });
+    }
+    reply.setValue();
+    QCoreApplication::processEvents();
+    QVERIFY(!ran);
+}
+
+void TestPlatformCore::cancelKeepsAnEarlierAnswer()
+{
+    LogCapture log;
+    CMVoidReply done;
+    done.setValue();
+    done.cancel();
+    QVERIFY(!done.isError());
+    QVERIFY(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty());
+
+    CMVoidReply pending;
+    pending.cancel();
+    QCOMPARE(pending.error().name(), CMVoidReply::ErrorCancel());
+}
+
+void TestPlatformCore::settingsAreTypedAndWrittenBack()
+{
+    TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("tok")},
+                    {QStringLiteral("settings/orvello/outputChannels"), 2},
+                    {QStringLiteral("settings/orvello/cacheEnabled"), true}});
+    CMAbstractWorker* root = CMRoot();
+    QCOMPARE(VraxHash(root->getValue(VraxOrvelloTokenPath()).toHash()).string_(), QStringLiteral("tok"));
+    QCOMPARE(VraxHash(root->getValue(VraxOrvelloOutputChannelsPath()).toHash()).i32_(), 2);
+    QCOMPARE(VraxHash(root->getValue(VraxOrvelloCacheEnabled()).toHash()).bool_(), true);
+    QVERIFY(root->getValue(VraxOrvelloDeviceId()).toHash().isEmpty());
+
+    VraxHash id;
+    id.setString_(QStringLiteral("dev-1"));
+    CMVoidReply reply;
+    root->setValue(VraxOrvelloDeviceId(), id, reply);
+    QVERIFY(reply.isFinished() && !reply.isError());
+
+    QFile file(t.settingsFile());
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QJsonObject written = QJsonDocument::fromJson(file.readAll()).object();
+    QCOMPARE(written.value(QStringLiteral("settings/orvello/deviceId")).toString(), QStringLiteral("dev-1"));
+    QCOMPARE(written.value(QStringLiteral("settings/orvello/outputChannels")).toInt(), 2);
+    QCOMPARE(written.value(QStringLiteral("settings/orvello/cacheEnabled")).toBool(), true);
+
+    vrax::SettingsStore reread;
+    QString error;
+    QVERIFY2(reread.open(t.settingsFile(), false, &error), qPrintable(error));
+    QCOMPARE(reread.value(VraxOrvelloDeviceId()).string_(), QStringLiteral("dev-1"));
+}
+
+void TestPlatformCore::badSettingsFileIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("errorPart");
+    QTest::newRow("not JSON") << QByteArray("{\"a\": ") << QStringLiteral("is not valid JSON");
+    QTest::newRow("not an object") << QByteArray("[1, 2]") << QStringLiteral("must hold one JSON object");
+    QTest::newRow("array value") << QByteArray("{\"settings/x\": [1]}") << QStringLiteral("setting \"settings/x\"");
+    QTest::newRow("fraction") << QByteArray("{\"settings/x\": 1.5}") << QStringLiteral("not a 32-bit integer");
+    QTest::newRow("too large") << QByteArray("{\"settings/x\": 4294967296}") << QStringLiteral("not a 32-bit integer");
+    QTest::newRow("null") << QByteArray("{\"settings/x\": null}") << QStringLiteral("only strings, integers and booleans");
+}
+
+void TestPlatformCore::badSettingsFileIsRefused()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QString, errorPart);
+    TestPlatform t({{QStringLiteral("settings/kept"), QStringLiteral("yes")}});
+    const QString bad = t.dir() + QStringLiteral("/bad.json");
+    QFile file(bad);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(content);
+    file.close();
+
+    QString error;
+    QVERIFY(!t.platform().settings().open(bad, false, &error));
+    QVERIFY2(error.contains(errorPart) && error.contains(bad), qPrintable(error));
+    // The store keeps what it had rather than becoming empty.
+    QCOMPARE(t.platform().settings().value(CMPath(QStringLiteral("settings/kept"))).string_(), QStringLiteral("yes"));
+    QCOMPARE(t.platform().settings().fileName(), t.settingsFile());
+
+    QVERIFY(!t.platform().settings().open(t.dir() + QStringLiteral("/missing.json"), false, &error));
+    QVERIFY(error.contains(QStringLiteral("does not exist")));
+}
+
+void TestPlatformCore::settingThatCannotBeWrittenIsNotKept()
+{
+    TestPlatform t;
+    vrax::SettingsStore store;
+    QString error;
+    const QString file = t.dir() + QStringLiteral("/gone/settings.json");
+    QVERIFY(store.open(file, true, &error));
+    VraxValue value;
+    value.setString_(QStringLiteral("x"));
+    QVERIFY(!store.setValue(CMPath(QStringLiteral("settings/a")), value, &error));
+    QVERIFY2(error.startsWith(QStringLiteral("Cannot write settings file ")), qPrintable(error));
+    QVERIFY(store.value(CMPath(QStringLiteral("settings/a"))).isEmpty());
+
+    VraxValue twoTypes;
+    twoTypes.setString_(QStringLiteral("x"));
+    twoTypes.setI32_(1);
+    QVERIFY(!t.platform().settings().setValue(CMPath(QStringLiteral("settings/a")), twoTypes, &error));
+}
+
+void TestPlatformCore::setValueRoutes()
+{
+    TestPlatform t;
+    CMNodes nodes;
+    Receiver receiver;
+    CMValueNode* plain = CMValueNode::create(&nodes, CMPath(QStringLiteral("test/plain")), nullptr);
+    CMValueNode* validated = CMValueNode::create(&nodes, CMPath(QStringLiteral("test/validated")), nullptr);
+    validated->setValidate(&receiver, &Receiver::onValidate, Qt::QueuedConnection);
+
+    VraxHash value;
+    value.setString_(QStringLiteral("v"));
+    CMVoidReply plainReply;
+    CMRoot()->setValue(plain->path(), value, plainReply);
+    QVERIFY(plainReply.isFinished() && !plainReply.isError());
+    QCOMPARE(plain->value(), VraxValue(value));
+
+    CMVoidReply validatedReply;
+    CMRoot()->setValue(validated->path(), value, validatedReply);
+    QVERIFY(receiver.requests.isEmpty()); // queued, never inside setValue
+    QTRY_COMPARE(receiver.requests.size(), 1);
+    QVERIFY(validated->value().isEmpty()); // the handler decides, nothing is stored
+    QCOMPARE(receiver.values.first(), VraxValue(value));
+    QCOMPARE(receiver.requests.first().path(), validated->path());
+    receiver.requests.first().reply().setValue(QVariant());
+    QVERIFY(validatedReply.isFinished() && !validatedReply.isError());
+
+    CMVoidReply unknownReply;
+    CMRoot()->setValue(CMPath(QStringLiteral("test/none")), value, unknownReply);
+    QCOMPARE(unknownReply.error().text(), QStringLiteral("There is no value at test/none"));
+
+    delete plain;
+    CMVoidReply goneReply;
+    CMRoot()->setValue(CMPath(QStringLiteral("test/plain")), value, goneReply);
+    QVERIFY(goneReply.isError());
+}
+
+void TestPlatformCore::invokeDeliversQueuedToTheAction()
+{
+    TestPlatform t;
+    CMNodes nodes;
+    Receiver receiver;
+    CMActivateNode* action = CMActivateNode::create(&nodes, CMPath(QStringLiteral("test/action")));
+    action->setInvoke(&receiver, &Receiver::onInvoke, Qt::QueuedConnection);
+
+    VraxHash value;
+    value.setString_(QStringLiteral("CODE"));
+    CMReply<QVariant> reply;
+    CMRoot()->invoke(action->path(), value, reply);
+    QVERIFY(receiver.requests.isEmpty());
+    QTRY_COMPARE(receiver.requests.size(), 1);
+    QCOMPARE(VraxValue(receiver.requests.first().data().toHash()).string_(), QStringLiteral("CODE"));
+    QVERIFY(receiver.requests.first().reply() == reply);
+
+    CMReply<QVariant> noAction;
+    CMRoot()->invoke(CMPath(QStringLiteral("test/none")), value, noAction);
+    QCOMPARE(noAction.error().text(), QStringLiteral("There is no action at test/none"));
+}
+
+void TestPlatformCore::signatureTexts_data()
+{
+    QTest::addColumn<QString>("signature");
+    QTest::addColumn<QString>("function");
+    QTest::addColumn<QString>("context");
+    QTest::newRow("member") << "CMError OrvelloWorker::maybeInitialize(bool)"
+                            << "OrvelloWorker::maybeInitialize(bool)" << "OrvelloWorker";
+    QTest::newRow("constructor") << "OrvelloUI::OrvelloUI(CMNodes*, const CMPath&)"
+                                 << "OrvelloUI::OrvelloUI(CMNodes*, const CMPath&)" << "OrvelloUI";
+    QTest::newRow("lambda") << "OrvelloPlayLogic::OrvelloPlayLogic(CMNodes*, OPlayerPlaybackApi*)::<lambda(int, int)>"
+                            << "OrvelloPlayLogic::OrvelloPlayLogic(CMNodes*, OPlayerPlaybackApi*)::<lambda(int, int)>"
+                            << "OrvelloPlayLogic";
+    QTest::newRow("pointer result") << "const char* A::name() const" << "A::name() const" << "A";
+    QTest::newRow("template result") << "QList<QString> A::list(int)" << "A::list(int)" << "A";
+    QTest::newRow("free") << "int helper(int)" << "helper(int)" << "helper";
+    QTest::newRow("scope dropped") << "void Orvello::Thing::run()" << "Thing::run()" << "Orvello::Thing";
+}
+
+void TestPlatformCore::signatureTexts()
+{
+    QFETCH(QString, signature);
+    QFETCH(QString, function);
+    QFETCH(QString, context);
+    const QByteArray sig = signature.toUtf8();
+    QCOMPARE(QString::fromStdString(dbglog_scopedFunction(sig.constData(), "Orvello")), function);
+    QCOMPARE(trExtractContext(sig.constData()), context);
+}
+
+void TestPlatformCore::translatableTextAppliesArguments()
+{
+    const TrString text(QStringLiteral("OPlayerLib"), "Error while initiating device pairing, error: %1", {TrArg(7)});
+    QCOMPARE(text.toString(), QStringLiteral("Error while initiating device pairing, error: 7"));
+    QCOMPARE(text.args().first().value(), QVariant(7));
+    const CMError error(text);
+    QCOMPARE(error.name(), CMError::DefaultName());
+    QCOMPARE(error.title(), CMError::DefaultTitle());
+    QVERIFY(error.isSet() && !CMError().isSet());
+    QCOMPARE(TrString(nullptr).toString(), QString());
+}
+
+QTEST_GUILESS_MAIN(TestPlatformCore)
+#include "tst_platform.moc"

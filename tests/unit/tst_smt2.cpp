@@ -1,0 +1,289 @@
+// The smt2 sender, its future and its Unix-socket channel against the emulated pipeline.
+#include "LogCapture.h"
+#include "WaitFor.h"
+#include "audiopipeline.h"
+
+#include "audioUtils/pcmaudioinfo.h"
+#include "miscUtils/ioeventloop.h"
+#include "miscUtils/notime.h"
+#include "smt2/audiosender.h"
+#include "smt2/unixclientsocketchannel.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <mutex>
+#include <thread>
+
+namespace {
+
+// Everything the pipeline tells its hooks, in order, as short texts. Kept in std containers:
+// Qt's implicitly shared ones would be shared across threads by uninstrumented Qt code.
+struct EventLog
+{
+    std::mutex mutex;
+    std::vector<std::string> events;
+    void add(const QString& e)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(e.toStdString());
+    }
+    QStringList all()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        QStringList list;
+        for (const std::string& e : events)
+            list << QString::fromStdString(e);
+        return list;
+    }
+    vrax::AudioPipelineHooks hooks()
+    {
+        vrax::AudioPipelineHooks h;
+        h.senderConnected = [this] { add("connected"); };
+        h.sequenceStarted = [this](const audioUtils::PcmAudioInfo& f) {
+            add(QString("start %1/%2").arg(f.sampleRate()).arg(f.channels()));
+        };
+        h.audioArrived = [this](const std::uint8_t*, std::size_t n) { add(QString("audio %1").arg(n)); };
+        h.flushed = [this] { add("flush"); };
+        h.sequenceEnded = [this] { add("end"); };
+        h.senderDisconnected = [this] { add("disconnected"); };
+        return h;
+    }
+};
+
+// A sender on its own loop thread, recording its state changes.
+struct Client
+{
+    explicit Client(const std::string& path, std::size_t buffers = 4)
+        : loop(1000, "tstSmt2Loop"), pool(buffers), channel(loop.ioEventLoop()), sender(&pool)
+    {
+        channel.setSocketAddress(path);
+        channel.setSendBufferSize(131072);
+        sender.setTransportChannel(channel);
+        sender.onStateChange([this](smt2::Sender::State, smt2::Sender::State s) {
+            std::lock_guard<std::mutex> lock(mutex);
+            states.push_back(int(s));
+        });
+        sender.onHandshakeFailed([this](smt2::Error e) {
+            std::lock_guard<std::mutex> lock(mutex);
+            handshakeFailures.push_back(e.details.asHash().at("reason").asString());
+        });
+    }
+    QList<int> stateList()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return QList<int>(states.begin(), states.end());
+    }
+    QStringList failures()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        QStringList list;
+        for (const std::string& f : handshakeFailures)
+            list << QString::fromStdString(f);
+        return list;
+    }
+    smt2::Future<smt2::ErrorID> send(const std::vector<unsigned char>& bytes)
+    {
+        return sender.sendAudioData(miscUtils::NoTimeValue, miscUtils::NoTimeValue, bytes);
+    }
+
+    // Declared first: the sender's handlers may run until the sender is gone. Std containers,
+    // as Qt's implicitly shared ones are shared across threads inside uninstrumented Qt code.
+    std::mutex mutex;
+    std::vector<int> states;
+    std::vector<std::string> handshakeFailures;
+    miscUtils::IOEventLoopThread loop;
+    smt2::BufferPool pool;
+    smt2::UnixClientSocketChannel channel;
+    smt2::AudioSender sender;
+};
+
+miscUtils::VariantHash pcm(int rate, int channels)
+{
+    return audioUtils::PcmAudioInfo(rate, channels, audioUtils::PcmFormat::S16LE).toVariant().asHash();
+}
+
+// QCOMPARE on the enum would pick smt2::toString through ADL; compare codes instead.
+int result(const smt2::Future<smt2::ErrorID>& f)
+{
+    return waitFor([&] { return f.isReady(); }) ? int(f.get()) : -1;
+}
+
+constexpr int code(smt2::ErrorID id)
+{
+    return int(id);
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(smt2::ErrorID)
+
+class TestSmt2 : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init() { QVERIFY(m_dir.isValid()); }
+
+    void future()
+    {
+        // Ready at attach time: the continuation runs inline, on this thread.
+        smt2::Promise<int> ready;
+        ready.setValue(5);
+        ready.setValue(6); // a second completion is ignored
+        std::thread::id ranOn;
+        auto doubled = ready.future().then([&](smt2::Future<int> f) {
+            ranOn = std::this_thread::get_id();
+            return f.get() * 2;
+        });
+        QCOMPARE(ranOn, std::this_thread::get_id());
+        QVERIFY(doubled.isReady());
+        QCOMPARE(doubled.get(), 10);
+
+        // Pending at attach time: it runs on the completing thread; exceptions are carried.
+        smt2::Promise<int> pending;
+        std::thread::id continuedOn;
+        auto failed = pending.future().then([&](smt2::Future<int> f) -> int {
+            continuedOn = std::this_thread::get_id();
+            f.get();
+            throw std::runtime_error("boom");
+        });
+        QVERIFY(!pending.future().isReady());
+        QVERIFY(!failed.isReady());
+        std::thread::id completer;
+        std::thread t([&] {
+            completer = std::this_thread::get_id();
+            pending.setException(std::make_exception_ptr(std::logic_error("first")));
+        });
+        t.join();
+        QCOMPARE(continuedOn, completer);
+        QVERIFY(failed.isReady());
+        QVERIFY_EXCEPTION_THROWN(failed.get(), std::logic_error); // the original exception, rethrown by get()
+        QVERIFY_EXCEPTION_THROWN(smt2::Future<int>().get(), std::logic_error);
+        QVERIFY(!smt2::Future<int>().isReady());
+    }
+
+    void streamsInOrder()
+    {
+        EventLog log;
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        pipeline.setHooks(log.hooks());
+        QVERIFY(pipeline.start());
+        Client client(socket());
+        // Announced while disconnected: kept and sent once streaming starts.
+        QCOMPARE(result(client.sender.setAudioSequenceInfo(audioUtils::pcmAudioType(), pcm(48000, 2))),
+                 code(smt2::ErrorID::Success));
+        QCOMPARE(result(client.sender.connect()), code(smt2::ErrorID::Success));
+        QCOMPARE(client.stateList(), (QList<int>{1, 2, 3}));
+        QCOMPARE(result(client.sender.connect()), code(smt2::ErrorID::AlreadyConnected));
+
+        client.send(std::vector<unsigned char>(1000, 1));
+        client.sender.sendFlush();
+        client.send(std::vector<unsigned char>(500, 2));
+        client.sender.endCurrentAudioSequence();
+        client.sender.endCurrentAudioSequence(); // nothing open: not sent
+        QCOMPARE(result(client.send(std::vector<unsigned char>(300, 3))), code(smt2::ErrorID::Success));
+        WAIT_VERIFY(log.all().size() >= 8);
+        client.sender.disconnect();
+        QCOMPARE(client.sender.state(), smt2::Sender::Disconnected);
+        WAIT_VERIFY(log.all().contains("disconnected"));
+        QCOMPARE(log.all(), (QStringList{"connected", "start 48000/2", "audio 1000", "flush", "audio 500", "end",
+                                         "start 48000/2", "audio 300", "end", "disconnected"}));
+        QCOMPARE(pipeline.counters().bytes, quint64(1800));
+        QCOMPARE(client.stateList(), (QList<int>{1, 2, 3, 0}));
+    }
+
+    void refusedOperations()
+    {
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        QVERIFY(pipeline.start());
+        Client client(socket());
+        QCOMPARE(result(client.send({1, 2})), code(smt2::ErrorID::NotConnected));
+        QCOMPARE(result(client.sender.sendFlush()), code(smt2::ErrorID::NotConnected));
+        QCOMPARE(result(client.sender.connect()), code(smt2::ErrorID::Success));
+        QCOMPARE(result(client.send({1, 2})), code(smt2::ErrorID::NoSequenceInfo));
+        QCOMPARE(result(client.send({})), code(smt2::ErrorID::InvalidArgument));
+        QCOMPARE(pipeline.counters().bytes, quint64(0));
+
+        smt2::BufferPool pool;
+        smt2::AudioSender unbound(&pool);
+        QCOMPARE(result(unbound.connect()), code(smt2::ErrorID::NoTransportChannel));
+    }
+
+    void connectFailures_data()
+    {
+        QTest::addColumn<bool>("listening");
+        QTest::addColumn<smt2::ErrorID>("expected");
+        QTest::addColumn<QStringList>("handshakeFailures");
+        QTest::newRow("nobody listens") << false << smt2::ErrorID::ConnectFailed << QStringList();
+        QTest::newRow("version refused") << true << smt2::ErrorID::HandshakeFailed
+                                         << QStringList{"protocol version 1 not supported"};
+    }
+
+    void connectFailures()
+    {
+        QFETCH(bool, listening);
+        QFETCH(smt2::ErrorID, expected);
+        QFETCH(QStringList, handshakeFailures);
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        pipeline.refuseProtocolVersion(smt2::ProtocolVersion);
+        if (listening)
+            QVERIFY(pipeline.start());
+        Client client(socket());
+        QCOMPARE(result(client.sender.connect()), code(expected));
+        QCOMPARE(client.failures(), handshakeFailures);
+        // A refused sender is left handshaking until the receiver hangs up.
+        WAIT_VERIFY(client.sender.state() == smt2::Sender::Disconnected);
+        QCOMPARE(pipeline.counters().refusedHandshakes, quint64(listening ? 1 : 0));
+        QCOMPARE(pipeline.counters().connections, quint64(0));
+    }
+
+    void backPressure()
+    {
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        QVERIFY(pipeline.start());
+        Client client(socket());
+        client.sender.setAudioSequenceInfo(audioUtils::pcmAudioType(), pcm(44100, 2));
+        QCOMPARE(result(client.sender.connect()), code(smt2::ErrorID::Success));
+        pipeline.setReadingPaused(true);
+
+        // One chunk at a time, as the module sends: each waits for the previous one.
+        const std::vector<unsigned char> chunk(65536, 7);
+        std::uint64_t sent = 0;
+        smt2::Future<smt2::ErrorID> last;
+        for (int i = 0; i < 1000; ++i) {
+            last = client.send(chunk);
+            if (!waitFor([&] { return last.isReady(); }, std::chrono::milliseconds(1000)))
+                break;
+            QCOMPARE(code(last.get()), code(smt2::ErrorID::Success));
+            sent += chunk.size();
+        }
+        QVERIFY2(!last.isReady(), "a receiver that does not read never held the sender back");
+        // What a non-reading receiver lets through is the sockets' buffering, not the caller's data.
+        QVERIFY2(sent < 4u << 20, qPrintable(QString::number(sent)));
+        QCOMPARE(client.pool.buffersInUse(), std::size_t(1));
+        QVERIFY(client.pool.bytesAllocated() <= 2 * (chunk.size() + 64));
+
+        // The pool bounds what callers that do not wait can queue.
+        std::vector<smt2::Future<smt2::ErrorID>> queued;
+        for (std::size_t i = 1; i < client.pool.maxBuffers(); ++i)
+            queued.push_back(client.send(chunk));
+        QCOMPARE(result(client.send(chunk)), code(smt2::ErrorID::NoBufferAvailable));
+
+        pipeline.setReadingPaused(false);
+        QCOMPARE(result(last), code(smt2::ErrorID::Success));
+        for (const auto& f : queued)
+            QCOMPARE(result(f), code(smt2::ErrorID::Success));
+        sent += chunk.size() * client.pool.maxBuffers();
+        WAIT_VERIFY(pipeline.counters().bytes == sent);
+        QCOMPARE(client.pool.buffersInUse(), std::size_t(0));
+    }
+
+private:
+    std::string socket() const { return m_dir.filePath("smt2.sock").toStdString(); }
+    LogCapture m_log; // also gives log4cplus somewhere to write
+    QTemporaryDir m_dir;
+};
+
+QTEST_GUILESS_MAIN(TestSmt2)
+#include "tst_smt2.moc"
