@@ -103,17 +103,16 @@ HttpClient::RequestId HttpClient::get(const VraxUrl& url, const HttpClientOption
 void HttpClient::startReply(const std::shared_ptr<Request>& request, const VraxUrl& url)
 {
     QNetworkRequest networkRequest(url.toQUrl());
-    QHash<QByteArray, QByteArray> values;
+    QHash<QByteArray, QList<QByteArray>> values;
     QList<QByteArray> order;
     for (const auto& header : request->options.headers().items()) {
         const QByteArray name = header.first.toLatin1();
         if (!values.contains(name))
             order.append(name);
-        QByteArray& value = values[name];
-        value = value.isEmpty() ? header.second.toUtf8() : value + ", " + header.second.toUtf8();
+        values[name].append(header.second.toUtf8());
     }
     for (const QByteArray& name : order)
-        networkRequest.setRawHeader(name, values.value(name));
+        networkRequest.setRawHeader(name, values.value(name).join(", "));
     networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                                 m_followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy
                                                   : QNetworkRequest::ManualRedirectPolicy);
