@@ -17,9 +17,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <pthread.h>
+#include <unistd.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,13 +36,15 @@ const char* const kDeviceHeaders[] = {"X-Device-Key-0", "X-Device-Id-0", "X-Devi
 
 const char* const kUsage =
     "usage: orvello-service --dir DIR --version VERSION --library FILE [--port N] [--fail MODE ...]\n"
+    "                       [--stop-on-eof]\n"
     "  --dir DIR          directory whose files are served under /files/\n"
     "  --version VERSION  library version that the configuration document offers\n"
     "  --library FILE     file in DIR that the document links to\n"
     "  --port N           port on 127.0.0.1 (default 0: a free port)\n"
     "  --fail MODE        config-status=CODE library-status=CODE config-delay=MS library-delay=MS\n"
     "                     config-empty config-not-json library-truncated library-oversized\n"
-    "                     library-oversized-chunked wrong-checksum uppercase-checksum\n";
+    "                     library-oversized-chunked wrong-checksum uppercase-checksum\n"
+    "  --stop-on-eof      stop when standard input ends (the starting process went away)\n";
 
 // What the service is told to get wrong; every field off by default.
 struct Faults
@@ -393,12 +398,17 @@ int main(int argc, char** argv)
     QString version;
     QString library;
     int port = 0;
+    bool stopOnEof = false;
     Faults faults;
     for (int i = 1; i < argc; ++i) {
         const QString arg = QString::fromLocal8Bit(argv[i]);
         if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
             std::fputs(kUsage, stdout);
             return 0;
+        }
+        if (arg == QLatin1String("--stop-on-eof")) {
+            stopOnEof = true;
+            continue;
         }
         if (i + 1 >= argc) {
             std::fputs(kUsage, stderr);
@@ -449,13 +459,33 @@ int main(int argc, char** argv)
     std::fflush(stdout);
 
     std::atomic<bool> stopping{false};
+    std::promise<void> finished;
+    std::shared_future<void> whenFinished = finished.get_future().share();
     std::thread signalThread([&] {
         int signal = 0;
         sigwait(&stopSignals, &signal);
+        if (whenFinished.wait_for(std::chrono::seconds(0)) == std::future_status::ready)
+            return;
         stopping = true;
         service.stop();
+        // The server waits for connections that clients keep alive and for delayed answers;
+        // nothing is lost by not waiting for them.
+        if (whenFinished.wait_for(std::chrono::milliseconds(500)) != std::future_status::ready) {
+            std::fflush(stdout);
+            std::_Exit(0);
+        }
     });
+    if (stopOnEof) {
+        // Blocked in read() until the other end closes; the process ends without joining it.
+        std::thread([] {
+            char buffer[256];
+            while (std::fread(buffer, 1, sizeof buffer, stdin) > 0) {
+            }
+            kill(getpid(), SIGTERM);
+        }).detach();
+    }
     const bool ok = service.run();
+    finished.set_value();
     if (!stopping)
         pthread_kill(signalThread.native_handle(), SIGTERM);
     signalThread.join();

@@ -37,7 +37,8 @@ OrvelloServiceProcess::~OrvelloServiceProcess()
 bool OrvelloServiceProcess::start(const QStringList& arguments, QString* error)
 {
     m_process.setProcessChannelMode(QProcess::SeparateChannels);
-    m_process.start(QStringLiteral(ORVELLO_SERVICE_BINARY), arguments);
+    // Our end of its standard input closes when this process dies, however it dies.
+    m_process.start(QStringLiteral(ORVELLO_SERVICE_BINARY), QStringList(arguments) << QStringLiteral("--stop-on-eof"));
     if (!m_process.waitForStarted(5000)) {
         *error = m_process.errorString();
         return false;
