@@ -1,4 +1,59 @@
 #pragma once
 
-// Placeholder with the updater's path constants until the updater itself is merged.
-class OrvelloUpdater { public: static constexpr char TMP_DOWNLOAD_PATH[] = "/tmp/orvello"; static constexpr char TMP_DOWNLOAD_DEST[] = "/tmp/orvello/liboplayer-1.so"; };
+#include "model/cmreply.h"
+#include "vrax/vraxorvelloversioninfo.h"
+#include "vrax/vraxurl.h"
+
+#include <QObject>
+#include <QString>
+
+class HttpClient;
+class QTimer;
+
+// Keeps the player library current: at the configured interval it fetches the service's
+// configuration document, and when that names a version newer (as text) than the running one,
+// downloads the library to TMP_DOWNLOAD_DEST, verifies it and emits updateFinished().
+//
+// Reads its URL and interval once, at construction; an empty URL or an interval below one
+// second leaves it idle for its whole life. Lives on the worker's thread; every callback and
+// the timer run there. Owns its HTTP client and timer (children); destroying the updater
+// drops any fetch or download under way without a callback.
+class OrvelloUpdater : public QObject
+{
+    Q_OBJECT
+public:
+    // Scratch directory (prepared by the worker) and the file a verified download is left in.
+    static constexpr char TMP_DOWNLOAD_PATH[] = "/tmp/orvello";
+    static constexpr char TMP_DOWNLOAD_DEST[] = "/tmp/orvello/liboplayer-1.so";
+
+    OrvelloUpdater();
+    ~OrvelloUpdater() override;
+
+    // Starts one asynchronous configuration fetch and returns at once; a fetch under way is
+    // neither cancelled nor awaited.
+    void check();
+
+    // Streams url into TMP_DOWNLOAD_DEST + ".tmp" and, once complete, copies it to
+    // TMP_DOWNLOAD_DEST. The copy does not overwrite: a file already standing there stays and
+    // the reply is true all the same. Answered once: true when the transfer completed, false
+    // on any failure (the ".tmp" file is then removed). Answered before return when the
+    // temporary file cannot be opened.
+    CMReply<bool> downloadLibrary(const QString& url);
+
+    // True when the SHA-256 of TMP_DOWNLOAD_DEST, as lowercase hex, equals info.checksum()
+    // exactly. Reads the file synchronously; a missing file gives false.
+    bool verifyDownloadedLib(const VraxOrvelloVersionInfo& info);
+
+Q_SIGNALS:
+    // A newer library is at TMP_DOWNLOAD_DEST and verified. Emitted again at every check for
+    // as long as the running version stays older than the offered one.
+    void updateFinished();
+
+private Q_SLOTS:
+    void on_checkTimer_timeout();
+
+private:
+    HttpClient* m_httpClient;
+    QTimer* m_checkTimer;
+    VraxUrl m_url;
+};

@@ -1,0 +1,236 @@
+#include "OrvelloServiceProcess.h"
+
+#include "http/httpclient.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+constexpr int k16MiB = 16 * 1024 * 1024;
+
+struct Call
+{
+    int state;
+    int httpCode;
+    QByteArray output;
+};
+
+// Every call a request's callback got, in order.
+struct Recorder
+{
+    QList<Call> calls;
+    bool ended() const { return !calls.isEmpty() && calls.last().state != HttpClientResult::DataAvailable; }
+    HttpClient::Callback callback()
+    {
+        return [this](const HttpClientResult& r) { calls.append({int(r.state()), r.httpCode(), r.output()}); };
+    }
+};
+} // namespace
+
+class tst_HttpClient : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void results_data();
+    void results();
+    void abortedRequestEndsOnce();
+    void noCallbackAfterDestruction();
+    void destroyedFromItsCallback();
+
+private:
+    QTemporaryDir m_dir;
+    QByteArray m_library;
+    std::unique_ptr<OrvelloServiceProcess> m_service;
+};
+
+void tst_HttpClient::initTestCase()
+{
+    QVERIFY(m_dir.isValid());
+    // Big enough to arrive in many pieces, small enough to stay under every limit but one.
+    m_library.resize(1024 * 1024 + 7);
+    for (int i = 0; i < m_library.size(); ++i)
+        m_library[i] = char((i * 31 + i / 4096) & 0xff);
+    QFile file(m_dir.filePath(QStringLiteral("lib.so")));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(m_library), qint64(m_library.size()));
+    file.close();
+    m_service = std::make_unique<OrvelloServiceProcess>();
+    QString error;
+    QVERIFY2(m_service->start({"--dir", m_dir.path(), "--version", "1.0.0", "--library", "lib.so"}, &error),
+             qPrintable(error));
+}
+
+void tst_HttpClient::init()
+{
+    QVERIFY(m_service->setState(QJsonObject{{"fail", QJsonArray()}}));
+}
+
+void tst_HttpClient::results_data()
+{
+    QTest::addColumn<QStringList>("faults");
+    QTest::addColumn<QString>("url"); // "closed" stands for a port nobody listens on
+    QTest::addColumn<bool>("immediate");
+    QTest::addColumn<int>("limit");
+    QTest::addColumn<int>("timeoutMs");
+    QTest::addColumn<int>("state");
+    QTest::addColumn<int>("httpCode");
+    QTest::addColumn<bool>("wholeBody"); // the pieces, or the one output, are the library
+
+    const QString lib = QStringLiteral("/files/lib.so");
+    // clang-format off
+    QTest::newRow("whole body") << QStringList() << lib << false << 0 << 0 << 0 << 200 << true;
+    QTest::newRow("pieces") << QStringList() << lib << true << 0 << 0 << 0 << 200 << true;
+    QTest::newRow("pieces at the limit") << QStringList() << lib << true << m_library.size() << 0 << 0 << 200 << true;
+    QTest::newRow("404 is a complete transfer") << QStringList{"library-status=404"} << lib << false << 0 << 0 << 0 << 404 << false;
+    QTest::newRow("truncated body") << QStringList{"library-truncated"} << lib << false << 0 << 0 << 1 << 200 << false;
+    QTest::newRow("truncated body, pieces") << QStringList{"library-truncated"} << lib << true << 0 << 0 << 1 << 200 << false;
+    QTest::newRow("connection refused") << QStringList() << "closed" << false << 0 << 0 << 1 << 0 << false;
+    QTest::newRow("not http") << QStringList() << "ftp://127.0.0.1/lib.so" << false << 0 << 0 << 1 << 0 << false;
+    QTest::newRow("empty url") << QStringList() << "" << false << 0 << 0 << 1 << 0 << false;
+    QTest::newRow("timeout") << QStringList{"library-delay=1000"} << lib << false << 0 << 200 << 2 << 0 << false;
+    QTest::newRow("over limit by length") << QStringList{"library-oversized"} << lib << true << k16MiB << 0 << 3 << 200 << false;
+    QTest::newRow("over limit by length, whole") << QStringList{"library-oversized"} << lib << false << k16MiB << 0 << 3 << 200 << false;
+    QTest::newRow("over limit by count") << QStringList{"library-oversized-chunked"} << lib << true << k16MiB << 0 << 3 << 200 << false;
+    QTest::newRow("over limit by count, whole") << QStringList{"library-oversized-chunked"} << lib << false << k16MiB << 0 << 3 << 200 << false;
+    QTest::newRow("one byte over") << QStringList() << lib << false << m_library.size() - 1 << 0 << 3 << 200 << false;
+    // clang-format on
+}
+
+void tst_HttpClient::results()
+{
+    QFETCH(QStringList, faults);
+    QFETCH(QString, url);
+    QFETCH(bool, immediate);
+    QFETCH(int, limit);
+    QFETCH(int, timeoutMs);
+    QFETCH(int, state);
+    QFETCH(int, httpCode);
+    QFETCH(bool, wholeBody);
+
+    QVERIFY(m_service->setState(QJsonObject{{"fail", QJsonArray::fromStringList(faults)}}));
+    if (url == QLatin1String("closed")) {
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        url = QStringLiteral("http://127.0.0.1:%1/lib.so").arg(server.serverPort());
+    } else if (url.startsWith(QLatin1Char('/'))) {
+        url = m_service->url(url);
+    }
+
+    HttpClient client(nullptr, HttpClient::Http1_1, true);
+    HttpClientOptions options;
+    options.setImmediateRead(immediate);
+    options.setReadSizeLimit(limit);
+    if (timeoutMs)
+        options.setTimeout(timeoutMs);
+    Recorder recorder;
+    client.get(VraxUrl::fromEncoded(url), options, recorder.callback());
+    QVERIFY(recorder.calls.isEmpty());
+    QTRY_VERIFY_WITH_TIMEOUT(recorder.ended(), 20000);
+
+    const Call last = recorder.calls.takeLast();
+    QCOMPARE(last.state, state);
+    QCOMPARE(last.httpCode, httpCode);
+    QByteArray pieces;
+    for (const Call& call : recorder.calls) {
+        QCOMPARE(call.state, int(HttpClientResult::DataAvailable));
+        QVERIFY(!call.output.isEmpty());
+        // Pieces stay small: the body is handed on as it arrives, not gathered first.
+        QVERIFY2(call.output.size() <= 256 * 1024, qPrintable(QString::number(call.output.size())));
+        pieces += call.output;
+    }
+    if (!immediate)
+        QVERIFY(recorder.calls.isEmpty());
+    if (state == HttpClientResult::Complete && immediate)
+        QVERIFY(last.output.isEmpty());
+    if (state != HttpClientResult::Complete)
+        QVERIFY(last.output.isEmpty());
+    if (limit > 0)
+        QVERIFY(pieces.size() <= limit);
+    if (wholeBody) {
+        QCOMPARE(immediate ? pieces : last.output, m_library);
+        if (immediate)
+            QVERIFY(recorder.calls.size() > 1);
+    }
+    if (httpCode == 404)
+        QCOMPARE(last.output, QByteArray("library unavailable\n"));
+    QCOMPARE(client.pendingCount(), 0);
+}
+
+void tst_HttpClient::abortedRequestEndsOnce()
+{
+    QVERIFY(m_service->setState(QJsonObject{{"fail", QJsonArray{"library-delay=500"}}}));
+    HttpClient client(nullptr, HttpClient::Http1_1, true);
+    Recorder aborted;
+    Recorder witness;
+    const HttpClient::RequestId id =
+        client.get(VraxUrl::fromEncoded(m_service->url("/files/lib.so")), HttpClientOptions(), aborted.callback());
+    client.get(VraxUrl::fromEncoded(m_service->url("/files/lib.so")), HttpClientOptions(), witness.callback());
+    client.abort(id);
+    client.abort(id);
+    QVERIFY(aborted.calls.isEmpty());
+    QTRY_VERIFY_WITH_TIMEOUT(witness.ended(), 10000);
+    QCOMPARE(witness.calls.last().state, int(HttpClientResult::Complete));
+    QCOMPARE(aborted.calls.size(), 1);
+    QCOMPARE(aborted.calls.first().state, int(HttpClientResult::Aborted));
+}
+
+void tst_HttpClient::noCallbackAfterDestruction()
+{
+    QVERIFY(m_service->setState(QJsonObject{{"fail", QJsonArray{"config-delay=200", "library-delay=600"}}}));
+    auto captured = std::make_shared<int>(0);
+    int calls = 0;
+    auto client = std::make_unique<HttpClient>(nullptr, HttpClient::Http1_1, true);
+    HttpClientOptions immediate;
+    immediate.setImmediateRead(true);
+    client->get(VraxUrl::fromEncoded(m_service->url("/config.json")), HttpClientOptions(),
+                [captured, &calls](const HttpClientResult&) { ++calls; });
+    client->get(VraxUrl::fromEncoded(m_service->url("/files/lib.so")), immediate,
+                [captured, &calls](const HttpClientResult&) { ++calls; });
+    QCOMPARE(captured.use_count(), 3);
+    client.reset();
+    // The client destroyed its callbacks, and with them what they held.
+    QCOMPARE(captured.use_count(), 1);
+
+    // Both answers would have come before this later request ends.
+    HttpClient witnessClient(nullptr, HttpClient::Http1_1, true);
+    Recorder witness;
+    witnessClient.get(VraxUrl::fromEncoded(m_service->url("/files/lib.so")), HttpClientOptions(), witness.callback());
+    QTRY_VERIFY_WITH_TIMEOUT(witness.ended(), 10000);
+    QCOMPARE(calls, 0);
+}
+
+void tst_HttpClient::destroyedFromItsCallback()
+{
+    auto* client = new HttpClient(nullptr, HttpClient::Http1_1, true);
+    QPointer<HttpClient> guard(client);
+    HttpClientOptions immediate;
+    immediate.setImmediateRead(true);
+    int calls = 0;
+    Recorder other;
+    client->get(VraxUrl::fromEncoded(m_service->url("/files/lib.so")), immediate,
+                [client, &calls](const HttpClientResult&) {
+                    ++calls;
+                    delete client;
+                });
+    client->get(VraxUrl::fromEncoded(m_service->url("/files/lib.so")), immediate,
+                other.callback());
+    QTRY_VERIFY_WITH_TIMEOUT(guard.isNull(), 10000);
+
+    HttpClient witnessClient(nullptr, HttpClient::Http1_1, true);
+    Recorder witness;
+    witnessClient.get(VraxUrl::fromEncoded(m_service->url("/files/lib.so")), HttpClientOptions(), witness.callback());
+    QTRY_VERIFY_WITH_TIMEOUT(witness.ended(), 10000);
+    QCOMPARE(calls, 1);
+    // The other request may have had pieces before, but it never ends once the client is gone.
+    QVERIFY(!other.ended());
+}
+
+QTEST_GUILESS_MAIN(tst_HttpClient)
+#include "tst_httpclient.moc"

@@ -1,0 +1,357 @@
+#include "LogCapture.h"
+#include "OrvelloServiceProcess.h"
+#include "TestPlatform.h"
+
+#include "OrvelloUpdater.h"
+
+#include "model/cmnode.h"
+#include "model/cmnodes.h"
+#include "model/cmworker.h"
+#include "vrax/vraxpaths.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QNetworkReply>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QtTest>
+
+#include <log4cplus/loglevel.h>
+
+#include <memory>
+
+namespace {
+const QString kDest = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
+const QString kTmp = kDest + QStringLiteral(".tmp");
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool writeFile(const QString& path, const QByteArray& content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+}
+
+QString sha256Hex(const QByteArray& data)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex());
+}
+
+// The library version the device runs, as the worker publishes it.
+class VersionNode
+{
+public:
+    explicit VersionNode(const QString& version)
+        : m_worker(QVariantHash(), QStringLiteral("tst_orvelloupdater"))
+        , m_node(CMValueNode::create(m_worker.nodes(), VraxOrvelloSdkVersion(), nullptr))
+    {
+        VraxValue value;
+        value.setString_(version);
+        m_node->setValue(value);
+    }
+    ~VersionNode() { delete m_node; }
+
+private:
+    CMNodesWorker m_worker;
+    CMValueNode* m_node;
+};
+} // namespace
+
+class tst_OrvelloUpdater : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void newerVersionIsInstalledForUse();
+    void versionNotNewer_data();
+    void versionNotNewer();
+    void failures_data();
+    void failures();
+    void staleDestinationIsWhatGetsVerified_data();
+    void staleDestinationIsWhatGetsVerified();
+    void emptyUrlNeverRequests();
+    void intervalBelowOneNeverRequests_data();
+    void intervalBelowOneNeverRequests();
+    void verify_data();
+    void verify();
+    void unopenableTemporaryFile();
+
+private:
+    // Starts the service offering `offered`, a platform pointing at it and the version node.
+    void setUp(const QString& current, const QString& offered, const QStringList& faults = {},
+               int intervalSeconds = 3600, bool withUrl = true);
+    QStringList orvelloLines(log4cplus::LogLevel level) const { return m_log->messages(level, "Orvello"); }
+
+    QTemporaryDir m_libraryDir;
+    QByteArray m_library;
+    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<OrvelloServiceProcess> m_service;
+    std::unique_ptr<TestPlatform> m_platform;
+    std::unique_ptr<VersionNode> m_version;
+};
+
+void tst_OrvelloUpdater::initTestCase()
+{
+    QVERIFY(m_libraryDir.isValid());
+    m_library = QByteArray("\x7f" "ELF fake player library 1.1.0\n").repeated(3000);
+    QVERIFY(writeFile(m_libraryDir.filePath("liboplayer-1.so"), m_library));
+}
+
+void tst_OrvelloUpdater::init()
+{
+    m_version.reset();
+    m_platform.reset();
+    m_service.reset();
+    m_log.reset();
+    QDir(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH)).removeRecursively();
+    QVERIFY(QDir().mkpath(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH)));
+}
+
+void tst_OrvelloUpdater::setUp(const QString& current, const QString& offered, const QStringList& faults,
+                               int intervalSeconds, bool withUrl)
+{
+    m_service = std::make_unique<OrvelloServiceProcess>();
+    QStringList args{"--dir", m_libraryDir.path(), "--version", offered, "--library", "liboplayer-1.so"};
+    for (const QString& fault : faults)
+        args << "--fail" << fault;
+    QString error;
+    QVERIFY2(m_service->start(args, &error), qPrintable(error));
+    m_platform = std::make_unique<TestPlatform>(QVariantHash{
+        {VraxOrvelloVersionUrl().toString(), withUrl ? m_service->url("/config.json") : QString()},
+        {VraxOrvelloUpdateCheckIntervalSeconds().toString(), intervalSeconds},
+        {VraxOrvelloDeviceId().toString(), "dev-42"},
+        {VraxOrvelloProvisioningVendorIdPath().toString(), "vendor-7"},
+    });
+    m_version = std::make_unique<VersionNode>(current);
+    m_log = std::make_unique<LogCapture>();
+}
+
+void tst_OrvelloUpdater::newerVersionIsInstalledForUse()
+{
+    setUp("1.0.0", "1.1.0");
+    OrvelloUpdater updater;
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+    QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 10000);
+
+    QCOMPARE(readFile(kDest), m_library);
+    QVERIFY(!QFile::exists(kTmp));
+    const QString configUrl = m_service->url("/config.json");
+    const QString link = m_service->url("/files/liboplayer-1.so");
+    const QStringList info = orvelloLines(log4cplus::INFO_LOG_LEVEL);
+    QCOMPARE(info.size(), 5);
+    QCOMPARE(info.at(0), QStringLiteral("Enter OrvelloUpdater::check()"));
+    QCOMPARE(info.at(1), "Checking for update with device id <dev-42> and vendor id <vendor-7> at " + configUrl);
+    QCOMPARE(info.at(2), QStringLiteral("Current version:1.0.0"));
+    QCOMPARE(info.at(3), QStringLiteral("Downloading version 1.1.0"));
+    QCOMPARE(info.at(4), QStringLiteral("Completed downloading new OVM library version."));
+    QCOMPARE(orvelloLines(log4cplus::DEBUG_LOG_LEVEL),
+             QStringList({"Config version: 1.1.0", "Config link: " + link}));
+    const QStringList trace = orvelloLines(log4cplus::TRACE_LOG_LEVEL);
+    QCOMPARE(trace.size(), 2);
+    QVERIFY2(trace.at(0).startsWith("OVM Config JSON:{"), qPrintable(trace.at(0)));
+    QCOMPARE(trace.at(1), "Enter OrvelloUpdater::downloadLibrary(const QString&): url: '" + link);
+    QVERIFY2(m_log->messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty(), qPrintable(m_log->dump()));
+
+    const QJsonArray requests = m_service->requests();
+    QCOMPARE(requests.size(), 2);
+    const QJsonObject check = requests.at(0).toObject();
+    QCOMPARE(check.value("path").toString(), QStringLiteral("/config.json"));
+    QCOMPARE(check.value("X-Device-Key-0").toString(), QStringLiteral("eth0"));
+    QCOMPARE(check.value("X-Device-Id-0").toString(), QStringLiteral("dev-42"));
+    QCOMPARE(check.value("X-Device-Vendor").toString(), QStringLiteral("vendor-7"));
+    const QJsonObject download = requests.at(1).toObject();
+    QCOMPARE(download.value("path").toString(), QStringLiteral("/files/liboplayer-1.so"));
+    QVERIFY(!download.contains("X-Device-Id-0"));
+}
+
+void tst_OrvelloUpdater::versionNotNewer_data()
+{
+    QTest::addColumn<QString>("current");
+    QTest::addColumn<QString>("offered");
+    QTest::newRow("equal") << "1.2.3" << "1.2.3";
+    QTest::newRow("compared as text") << "1.9.0" << "1.10.0";
+    QTest::newRow("older") << "2.0.0" << "1.9.9";
+}
+
+void tst_OrvelloUpdater::versionNotNewer()
+{
+    QFETCH(QString, current);
+    QFETCH(QString, offered);
+    setUp(current, offered);
+    OrvelloUpdater updater;
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+    const QString ignoring = "Version " + offered + " already on the device, ignoring...";
+    QTRY_VERIFY_WITH_TIMEOUT(m_log->contains(log4cplus::INFO_LOG_LEVEL, ignoring), 10000);
+    QCOMPARE(orvelloLines(log4cplus::INFO_LOG_LEVEL).last(), ignoring);
+    QVERIFY(orvelloLines(log4cplus::INFO_LOG_LEVEL).contains("Current version:" + current));
+    QCOMPARE(m_service->requests().size(), 1);
+    QCOMPARE(finished.count(), 0);
+    QVERIFY(!QFile::exists(kDest));
+}
+
+void tst_OrvelloUpdater::failures_data()
+{
+    QTest::addColumn<QStringList>("faults");
+    QTest::addColumn<QStringList>("errors"); // every ERROR line, in order; "*" ends a prefix
+    QTest::addColumn<bool>("downloaded");    // a file was left at the destination
+
+    const QString failed = QStringLiteral("Failed to download new OVM library version.");
+    const QString unverified = QStringLiteral("Failed to verify downlaoded library");
+    // clang-format off
+    QTest::newRow("config 404") << QStringList{"config-status=404"}
+        << QStringList{"Getting config JSON ended with HTTP code: 404"} << false;
+    QTest::newRow("config 500") << QStringList{"config-status=500"}
+        << QStringList{"Getting config JSON ended with HTTP code: 500"} << false;
+    QTest::newRow("config empty") << QStringList{"config-empty"}
+        << QStringList{"JSON fetch result output is empty."} << false;
+    QTest::newRow("config not JSON") << QStringList{"config-not-json"}
+        << QStringList{"An error occurred during parsing of the config JSON: *"} << false;
+    QTest::newRow("library 404") << QStringList{"library-status=404"}
+        << QStringList{"Downloading library failed with HTTP code: 404", failed} << false;
+    QTest::newRow("library truncated") << QStringList{"library-truncated"} << QStringList{failed} << false;
+    QTest::newRow("library over 16 MiB") << QStringList{"library-oversized"} << QStringList{failed} << false;
+    QTest::newRow("library over 16 MiB, no length") << QStringList{"library-oversized-chunked"} << QStringList{failed} << false;
+    QTest::newRow("wrong checksum") << QStringList{"wrong-checksum"} << QStringList{unverified} << true;
+    QTest::newRow("uppercase checksum") << QStringList{"uppercase-checksum"} << QStringList{unverified} << true;
+    // clang-format on
+}
+
+void tst_OrvelloUpdater::failures()
+{
+    QFETCH(QStringList, faults);
+    QFETCH(QStringList, errors);
+    QFETCH(bool, downloaded);
+    setUp("1.0.0", "1.1.0", faults);
+    OrvelloUpdater updater;
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+
+    const QString lastError = errors.last();
+    auto matches = [](const QString& line, const QString& expected) {
+        return expected.endsWith('*') ? line.startsWith(expected.chopped(1)) : line == expected;
+    };
+    QTRY_VERIFY2_WITH_TIMEOUT(!orvelloLines(log4cplus::ERROR_LOG_LEVEL).isEmpty()
+                                  && matches(orvelloLines(log4cplus::ERROR_LOG_LEVEL).last(), lastError),
+                              qPrintable(m_log->dump()), 20000);
+    const QStringList got = orvelloLines(log4cplus::ERROR_LOG_LEVEL);
+    QCOMPARE(got.size(), errors.size());
+    for (int i = 0; i < errors.size(); ++i)
+        QVERIFY2(matches(got.at(i), errors.at(i)), qPrintable(got.at(i)));
+    QVERIFY(m_log->messages(log4cplus::WARN_LOG_LEVEL).isEmpty());
+    QVERIFY(m_log->messages(log4cplus::FATAL_LOG_LEVEL).isEmpty());
+    QCOMPARE(finished.count(), 0);
+    QVERIFY(!QFile::exists(kTmp));
+    QCOMPARE(QFile::exists(kDest), downloaded);
+    // The check is over: nothing is left running until the next tick.
+    QTRY_COMPARE(updater.findChildren<QNetworkReply*>().size(), 0);
+    QVERIFY(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
+}
+
+void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified_data()
+{
+    QTest::addColumn<bool>("staleIsTheOfferedLibrary");
+    QTest::newRow("stale file differs") << false;
+    QTest::newRow("stale file is the offered library") << true;
+}
+
+void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
+{
+    QFETCH(bool, staleIsTheOfferedLibrary);
+    const QByteArray stale = staleIsTheOfferedLibrary ? m_library : QByteArray("an older download");
+    QVERIFY(writeFile(kDest, stale));
+    setUp("1.0.0", "1.1.0");
+    OrvelloUpdater updater;
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_log->contains(log4cplus::INFO_LOG_LEVEL, "Completed downloading new OVM library version."), 10000);
+    QCOMPARE(finished.count(), staleIsTheOfferedLibrary ? 1 : 0);
+    QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL),
+             staleIsTheOfferedLibrary ? QStringList() : QStringList{"Failed to verify downlaoded library"});
+    QCOMPARE(readFile(kDest), stale);
+    QVERIFY(!QFile::exists(kTmp));
+    QCOMPARE(m_service->requests().size(), 2);
+}
+
+void tst_OrvelloUpdater::emptyUrlNeverRequests()
+{
+    setUp("1.0.0", "1.1.0", {}, 3600, false);
+    OrvelloUpdater updater;
+    QCOMPARE(m_log->messages(log4cplus::FATAL_LOG_LEVEL, "Orvello"),
+             QStringList{"Version url is empty, updater will not work"});
+    QCOMPARE(m_log->lines().size(), 1);
+    QVERIFY(updater.findChildren<QNetworkReply*>().isEmpty());
+    QVERIFY(!updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
+    QVERIFY(m_service->requests().isEmpty());
+}
+
+void tst_OrvelloUpdater::intervalBelowOneNeverRequests_data()
+{
+    QTest::addColumn<int>("interval");
+    QTest::newRow("zero") << 0;
+    QTest::newRow("negative") << -60;
+}
+
+void tst_OrvelloUpdater::intervalBelowOneNeverRequests()
+{
+    QFETCH(int, interval);
+    setUp("1.0.0", "1.1.0", {}, interval);
+    OrvelloUpdater updater;
+    QVERIFY2(m_log->lines().isEmpty(), qPrintable(m_log->dump()));
+    QVERIFY(updater.findChildren<QNetworkReply*>().isEmpty());
+    QVERIFY(!updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
+    QVERIFY(m_service->requests().isEmpty());
+}
+
+void tst_OrvelloUpdater::verify_data()
+{
+    QTest::addColumn<bool>("present");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("checksum");
+    QTest::addColumn<bool>("verified");
+    const QByteArray lib("library bytes");
+    QTest::newRow("matches") << true << lib << sha256Hex(lib) << true;
+    QTest::newRow("uppercase never matches") << true << lib << sha256Hex(lib).toUpper() << false;
+    QTest::newRow("other digest") << true << lib << sha256Hex("other") << false;
+    QTest::newRow("empty checksum") << true << lib << QString() << false;
+    QTest::newRow("empty file, digest of nothing") << true << QByteArray() << sha256Hex(QByteArray()) << true;
+    QTest::newRow("empty file, other digest") << true << QByteArray() << sha256Hex(lib) << false;
+    QTest::newRow("no file") << false << QByteArray() << sha256Hex(QByteArray()) << false;
+    // Longer than one read block, not a multiple of it.
+    const QByteArray big = QByteArray("0123456789abcdef").repeated(1000);
+    QTest::newRow("several blocks") << true << big << sha256Hex(big) << true;
+}
+
+void tst_OrvelloUpdater::verify()
+{
+    QFETCH(bool, present);
+    QFETCH(QByteArray, content);
+    QFETCH(QString, checksum);
+    QFETCH(bool, verified);
+    setUp("1.0.0", "1.1.0", {}, 0);
+    if (present)
+        QVERIFY(writeFile(kDest, content));
+    OrvelloUpdater updater;
+    QCOMPARE(updater.verifyDownloadedLib(VraxOrvelloVersionInfo(QVariantHash{{"checksum", checksum}})), verified);
+    QVERIFY(m_log->lines().isEmpty());
+    QCOMPARE(QFile::exists(kDest), present);
+}
+
+void tst_OrvelloUpdater::unopenableTemporaryFile()
+{
+    setUp("1.0.0", "1.1.0", {}, 0);
+    QVERIFY(QDir(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH)).removeRecursively());
+    OrvelloUpdater updater;
+    const CMReply<bool> reply = updater.downloadLibrary(m_service->url("/files/liboplayer-1.so"));
+    QVERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), false);
+    QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL), QStringList{"Unable to open destination:" + kTmp});
+    QVERIFY(m_service->requests().isEmpty());
+}
+
+QTEST_GUILESS_MAIN(tst_OrvelloUpdater)
+#include "tst_orvelloupdater.moc"
