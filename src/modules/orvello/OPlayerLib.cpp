@@ -178,6 +178,9 @@ void OPlayerLib::unload()
 
 void OPlayerLib::mainLoop()
 {
+    // A turn still queued when shutdown() destroyed the instance.
+    if (!m_oplayer)
+        return;
     if (m_api->run_once(m_oplayer) != 0) {
         m_playbackApi.pump();
         QTimer::singleShot(0, Qt::PreciseTimer, this, &OPlayerLib::mainLoop);
@@ -190,6 +193,18 @@ void OPlayerLib::mainLoop()
     m_playbackApi.setMetadataApi(nullptr);
     m_playbackApi.setOPlayer(nullptr);
     Q_EMIT endOfLoop();
+}
+
+void OPlayerLib::shutdown()
+{
+    if (!m_oplayer)
+        return;
+    LOG4CPLUS_INFO(logger, "Shutting down the running oplayer instance");
+    m_api->destroy(m_oplayer);
+    m_oplayer = nullptr;
+    m_playbackApi.setControlsApi(nullptr);
+    m_playbackApi.setMetadataApi(nullptr);
+    m_playbackApi.setOPlayer(nullptr);
 }
 
 void OPlayerLib::requestExit()

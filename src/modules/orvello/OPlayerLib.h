@@ -53,6 +53,9 @@ public:
 
     // One turn of the library's loop; scheduled by load() and by itself only.
     void mainLoop();
+    // Destroys a running instance now, joining the library's threads, without endOfLoop: once
+    // it returns no library thread calls the audio table. For the owner's destruction.
+    void shutdown();
     // Asks the library to leave its loop when the current song has finished; endOfLoop follows.
     void requestExit();
 

@@ -1,9 +1,13 @@
 #include "OrvelloWorker.h"
 
+#include "OPlayerLib.h"
 #include "OrvelloLogging.h"
+#include "OrvelloPlayLogic.h"
 #include "OrvelloUI.h"
+#include "OrvelloUpdater.h"
 
 #include "model/cmnode.h"
+#include "vrax/vraxconnect.h"
 #include "vrax/vraxpaths.h"
 
 #include <QDir>
@@ -12,7 +16,12 @@
 namespace {
 log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
 
-const QString kScratchDirectory = QStringLiteral("/tmp/orvello");
+const QString kScratchDirectory = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH);
+
+VraxHash setting(const CMPath& path)
+{
+    return VraxHash(CMRoot()->getValue(path).toHash());
+}
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) CMWorker* worker_create(void* /*reserved*/,
@@ -26,6 +35,9 @@ OrvelloWorker::OrvelloWorker(const QVariantHash& config)
     , m_initialized(false)
     , m_ui(new OrvelloUI(nodes(), VraxOrvelloBrowsePath()))
     , m_sdkVersionNode(CMValueNode::create(nodes(), VraxOrvelloSdkVersion(), nullptr))
+    , m_updater(nullptr)
+    , m_oplayerLib(nullptr)
+    , m_playLogic(nullptr)
 {
     ORVELLO_ENTER(logger);
     m_sdkVersionNode->setTitle(ORVELLO_TR("Orvello SDK version number"));
@@ -33,12 +45,84 @@ OrvelloWorker::OrvelloWorker(const QVariantHash& config)
         LOG4CPLUS_ERROR(logger, "Can not init OrvelloWorker without " << kScratchDirectory << " dir");
         return;
     }
+    CMActivateNode::create(nodes(), VraxOrvelloSetPairCode())
+        ->setInvoke(this, &OrvelloWorker::on_setPairingCode_activated, Qt::QueuedConnection);
+    maybeInitialize(false);
 }
 
+// The play logic goes before the host whose bridge it uses; the library's threads are joined
+// first, so none of them calls the audio callbacks of a play logic that is gone.
 OrvelloWorker::~OrvelloWorker()
 {
+    if (m_oplayerLib)
+        m_oplayerLib->shutdown();
+    delete m_playLogic;
+    delete m_oplayerLib;
+    delete m_updater;
     delete m_sdkVersionNode;
     delete m_ui;
+}
+
+CMError OrvelloWorker::maybeInitialize(bool force)
+{
+    ORVELLO_ENTER(logger);
+    if (m_initialized) {
+        LOG4CPLUS_TRACE(logger, "Already initialized, doing nothing.");
+        return CMError();
+    }
+    if (!force && setting(VraxOrvelloTokenPath()).string_().isEmpty()) {
+        LOG4CPLUS_INFO(logger, "Waiting for pairing code before initializing..");
+        return CMError(ORVELLO_TR("Missing pairing code"));
+    }
+
+    oplayer_init_params params;
+    params.maxBandwidthKbps = setting(VraxOrvelloMaxBandwidthKbpsPath()).i32_();
+    params.cacheDir = setting(VraxOrvelloCacheDirPath()).string_();
+    params.cacheMaxMb = setting(VraxOrvelloCacheMaxMbPath()).i32_();
+    params.cacheRemainMb = setting(VraxOrvelloCacheRemainMbPath()).i32_();
+    params.outputSampleRate = setting(VraxOrvelloOutputSampleRatePath()).i32_();
+    params.outputChannels = setting(VraxOrvelloOutputChannelsPath()).i32_();
+    params.vendorSecret = setting(VraxOrvelloVendorSecretPath()).string_();
+    params.serialNumber = setting(VraxSystemSerialNumberPath()).string_();
+    params.productName = setting(VraxSystemProductNamePath()).string_();
+
+    delete m_oplayerLib;
+    m_oplayerLib = new OPlayerLib(params);
+    if (!m_oplayerLib->ok()) {
+        delete m_oplayerLib;
+        m_oplayerLib = nullptr;
+        return CMError(ORVELLO_TR("Failed to load library"));
+    }
+    delete m_playLogic;
+    m_playLogic = new OrvelloPlayLogic(nodes(), m_oplayerLib->playbackApi());
+    delete m_updater;
+    m_updater = new OrvelloUpdater();
+    m_initialized = true;
+    vraxConnect(m_updater, &OrvelloUpdater::updateFinished, this, &OrvelloWorker::on_updater_updateFinished);
+    vraxConnect(m_oplayerLib, &OPlayerLib::endOfLoop, this, &OrvelloWorker::on_lib_endOfLoop);
+    return CMError();
+}
+
+void OrvelloWorker::on_setPairingCode_activated(const CMSetDataRequest& request)
+{
+    ORVELLO_ENTER_ARG(logger, request.data());
+    const CMError error = maybeInitialize(true);
+    if (error.isSet()) {
+        request.reply().setError(error);
+        return;
+    }
+    Q_ASSERT(m_oplayerLib != nullptr);
+    m_oplayerLib->pair(request);
+}
+
+void OrvelloWorker::on_updater_updateFinished()
+{
+    m_oplayerLib->requestExit();
+}
+
+void OrvelloWorker::on_lib_endOfLoop()
+{
+    m_oplayerLib->update();
 }
 
 bool OrvelloWorker::prepareDirectory(const QString& path) const

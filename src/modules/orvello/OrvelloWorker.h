@@ -1,15 +1,22 @@
 #pragma once
 
+#include "model/cmerror.h"
+#include "model/cmrequest.h"
 #include "model/cmworker.h"
 
 #include <QString>
 #include <QVariantHash>
 
 class CMValueNode;
+class OPlayerLib;
+class OrvelloPlayLogic;
 class OrvelloUI;
+class OrvelloUpdater;
 
-// The module's worker: publishes the service's page and the player library's version node,
-// and prepares the scratch directory into which library updates are downloaded.
+// The module's worker: publishes the service's page, the player library's version node and
+// the pairing action, and starts the player library, the play logic and the updater once the
+// device is paired or a pairing code has been entered. A verified library update is swapped
+// in at the end of the current song.
 // Created by worker_create and deleted by the platform, on the platform's main thread.
 class OrvelloWorker : public CMNodesWorker
 {
@@ -21,8 +28,24 @@ public:
     // Makes sure path exists as a directory (parents included) and is writable.
     bool prepareDirectory(const QString& path) const;
 
+    // Creates the library host, the play logic and the updater unless that is done already or
+    // the device has no token and force is false. Returns "Missing pairing code" or
+    // "Failed to load library" when it did not get there.
+    CMError maybeInitialize(bool force);
+
+    // Handler of the pairing action (queued): initialises if needed, then pairs with the code
+    // in the request; the request's reply gets the outcome.
+    void on_setPairingCode_activated(const CMSetDataRequest& request);
+    // A verified library update waits: let the library finish the current song.
+    void on_updater_updateFinished();
+    // The library's loop has ended: install the update and load the library again.
+    void on_lib_endOfLoop();
+
 private:
     bool m_initialized;
     OrvelloUI* m_ui;
     CMValueNode* m_sdkVersionNode;
+    OrvelloUpdater* m_updater;
+    OPlayerLib* m_oplayerLib;
+    OrvelloPlayLogic* m_playLogic;
 };
