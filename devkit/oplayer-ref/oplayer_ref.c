@@ -346,6 +346,18 @@ static int pairing_due(const oplayer* p, const struct timespec* at)
     return p->pairing_active && !before(at, &p->pairing_due);
 }
 
+/* Called with the mutex held. Only a playing song delays an exit at the end of the song; idle
+ * or paused, the loop ends at once, unless a pairing outcome is still to be collected: the
+ * host keeps polling the instance that started the pairing, so that instance stays until then. */
+static int exit_now(const oplayer* p)
+{
+    if (!p->exit_mode || p->loop_ended)
+        return 0;
+    if (p->exit_mode != OPLAYER_EXIT_AT_END_OF_SONG)
+        return 1;
+    return (!p->started || p->paused) && !p->pairing_active;
+}
+
 static int ref_run_once(oplayer* p)
 {
     struct timespec deadline;
@@ -364,13 +376,11 @@ static int ref_run_once(oplayer* p)
         deadline = p->pairing_due;
     for (;;) {
         now(&t);
-        if (p->loop_ended || p->new_data || p->exit_mode || pairing_due(p, &t) || !before(&t, &deadline))
+        if (p->loop_ended || p->new_data || exit_now(p) || pairing_due(p, &t) || !before(&t, &deadline))
             break;
         pthread_cond_timedwait(&p->cond, &p->mutex, &deadline);
     }
-    /* Only a playing song delays the exit; idle or paused, the loop ends now. */
-    if (p->exit_mode && !p->loop_ended
-        && (p->exit_mode != OPLAYER_EXIT_AT_END_OF_SONG || !p->started || p->paused)) {
+    if (exit_now(p)) {
         p->loop_ended = 1;
         pthread_cond_broadcast(&p->cond);
     }

@@ -1,0 +1,220 @@
+#include "DeviceRig.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QRegularExpression>
+#include <QThread>
+#include <QTimer>
+
+namespace {
+constexpr int kStartTimeoutMs = 15000;
+constexpr int kRequestTimeoutMs = 40000;
+
+// Waits for the first line of a child's standard output and returns the port it names.
+int readListeningPort(QProcess* process, const QString& prefix, QString* error)
+{
+    QDeadlineTimer deadline(kStartTimeoutMs);
+    while (!process->canReadLine()) {
+        if (process->state() == QProcess::NotRunning || !process->waitForReadyRead(int(deadline.remainingTime()))) {
+            if (process->state() == QProcess::NotRunning || deadline.hasExpired()) {
+                *error = QStringLiteral("%1 did not start: %2").arg(process->program(),
+                                                                    QString::fromLocal8Bit(process->readAllStandardError().trimmed()));
+                return 0;
+            }
+        }
+    }
+    const QString line = QString::fromLocal8Bit(process->readLine()).trimmed();
+    const QRegularExpressionMatch match = QRegularExpression(prefix + QStringLiteral(" 127\\.0\\.0\\.1:(\\d+)$")).match(line);
+    if (!match.hasMatch()) {
+        *error = QStringLiteral("%1 said '%2' instead of where it listens").arg(process->program(), line);
+        return 0;
+    }
+    return match.captured(1).toInt();
+}
+} // namespace
+
+QString DeviceRig::Answer::errorMessage() const
+{
+    const QJsonValue error = body.value(QStringLiteral("error"));
+    return error.isObject() ? error.toObject().value(QStringLiteral("message")).toString() : error.toString();
+}
+
+DeviceRig::DeviceRig(const Paths& paths, const QString& workDir) : m_paths(paths), m_workDir(workDir)
+{
+    QDir().mkpath(dataDir());
+}
+
+DeviceRig::~DeviceRig()
+{
+    stopHost();
+    if (m_service) {
+        m_service->closeWriteChannel();
+        if (!m_service->waitForFinished(5000))
+            m_service->kill();
+        m_service->waitForFinished(5000);
+    }
+}
+
+QString DeviceRig::dataDir() const
+{
+    return m_workDir + QStringLiteral("/device/data");
+}
+
+QString DeviceRig::devTreeLibraryPath() const
+{
+    return QDir::cleanPath(dataDir() + QStringLiteral("/../../build/Hollowkit-blobs-links/Orvello/lib/linux_x86_64/liboplayer-1.so"));
+}
+
+bool DeviceRig::startService(const QString& version, const QString& libraryFile, QString* error)
+{
+    const QString dir = m_workDir + QStringLiteral("/service");
+    QDir().mkpath(dir);
+    const QString name = QStringLiteral("liboplayer-1.so");
+    QFile::remove(dir + QLatin1Char('/') + name);
+    if (!QFile::copy(libraryFile, dir + QLatin1Char('/') + name)) {
+        *error = QStringLiteral("cannot copy %1 for the service").arg(libraryFile);
+        return false;
+    }
+    m_service = std::make_unique<QProcess>();
+    m_service->setProcessChannelMode(QProcess::SeparateChannels);
+    m_service->setStandardErrorFile(m_workDir + QStringLiteral("/service.log"));
+    m_service->start(m_paths.service, {QStringLiteral("--dir"), dir, QStringLiteral("--version"), version,
+                                       QStringLiteral("--library"), name, QStringLiteral("--stop-on-eof")});
+    m_servicePort = readListeningPort(m_service.get(), QStringLiteral("listening on"), error);
+    return m_servicePort != 0;
+}
+
+QString DeviceRig::versionUrl() const
+{
+    return QStringLiteral("http://127.0.0.1:%1/config.json").arg(m_servicePort);
+}
+
+bool DeviceRig::startHost(const QVariantHash& settings, const QString& audioOut, const QString& pace,
+                          const QStringList& env, QString* error)
+{
+    const QString settingsFile = m_workDir + QStringLiteral("/device/settings.json");
+    QFile file(settingsFile);
+    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(QJsonObject::fromVariantHash(settings)).toJson()) < 0) {
+        *error = QStringLiteral("cannot write %1").arg(settingsFile);
+        return false;
+    }
+    file.close();
+    m_host = std::make_unique<QProcess>();
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const QString& entry : env)
+        environment.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
+    m_host->setProcessEnvironment(environment);
+    m_hostLog.clear();
+    m_partialLine.clear();
+    QObject::connect(m_host.get(), &QProcess::readyReadStandardError, [this] { readHostLog(); });
+    m_host->start(m_paths.host, {QStringLiteral("--module"), m_paths.module, QStringLiteral("--data-dir"), dataDir(),
+                                 QStringLiteral("--settings"), settingsFile, QStringLiteral("--control-port"),
+                                 QStringLiteral("0"), QStringLiteral("--audio-out"), audioOut, QStringLiteral("--pace"), pace});
+    m_controlPort = readListeningPort(m_host.get(), QStringLiteral("control API listening on"), error);
+    if (m_controlPort == 0) {
+        readHostLog();
+        m_host->kill();
+        m_host->waitForFinished();
+        return false;
+    }
+    return true;
+}
+
+bool DeviceRig::hostRunning() const
+{
+    return m_host && m_host->state() != QProcess::NotRunning;
+}
+
+int DeviceRig::stopHost()
+{
+    if (!m_host)
+        return -1;
+    if (m_host->state() != QProcess::NotRunning) {
+        m_host->terminate();
+        if (!m_host->waitForFinished(20000)) {
+            m_host->kill();
+            m_host->waitForFinished(5000);
+            readHostLog();
+            m_host.reset();
+            return -1;
+        }
+    }
+    readHostLog();
+    const int code = m_host->exitStatus() == QProcess::NormalExit ? m_host->exitCode() : -1;
+    m_host.reset();
+    return code;
+}
+
+void DeviceRig::readHostLog()
+{
+    if (!m_host)
+        return;
+    m_partialLine += m_host->readAllStandardError();
+    int newline;
+    while ((newline = m_partialLine.indexOf('\n')) >= 0) {
+        m_hostLog << QString::fromUtf8(m_partialLine.left(newline));
+        m_partialLine.remove(0, newline + 1);
+    }
+}
+
+QStringList DeviceRig::hostLog()
+{
+    QCoreApplication::processEvents();
+    readHostLog();
+    return m_hostLog;
+}
+
+bool DeviceRig::waitForLog(const QString& text, int timeoutMs)
+{
+    QDeadlineTimer deadline(timeoutMs);
+    do {
+        for (const QString& line : hostLog())
+            if (line.contains(text))
+                return true;
+        QThread::msleep(20);
+    } while (!deadline.hasExpired());
+    return false;
+}
+
+DeviceRig::Answer DeviceRig::request(const QByteArray& method, const QString& path, const QByteArray& body)
+{
+    QNetworkAccessManager manager;
+    QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_controlPort).arg(path)));
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
+    QNetworkReply* reply = manager.sendCustomRequest(request, method, body);
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    QTimer::singleShot(kRequestTimeoutMs, &loop, &QEventLoop::quit);
+    loop.exec();
+    Answer answer;
+    if (reply->isFinished()) {
+        answer.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        answer.body = QJsonDocument::fromJson(reply->readAll()).object();
+    }
+    reply->abort();
+    delete reply;
+    return answer;
+}
+
+DeviceRig::Answer DeviceRig::get(const QString& path)
+{
+    return request("GET", path, QByteArray());
+}
+
+DeviceRig::Answer DeviceRig::post(const QString& path, const QJsonObject& body)
+{
+    return request("POST", path, QJsonDocument(body).toJson(QJsonDocument::Compact));
+}
+
+DeviceRig::Answer DeviceRig::setValue(const QString& path, const QJsonValue& value)
+{
+    return post(QStringLiteral("/api/value"), QJsonObject{{QStringLiteral("path"), path}, {QStringLiteral("value"), value}});
+}

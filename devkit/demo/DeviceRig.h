@@ -1,0 +1,76 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QVariantHash>
+
+#include <memory>
+
+// Runs an emulated device for scripts and end-to-end tests: the update service emulator and
+// vrax-host as child processes, with the host's control API as a client. Children never outlive
+// the rig (the service stops when its standard input closes; the host is stopped on destruction).
+class DeviceRig
+{
+public:
+    struct Paths
+    {
+        QString host;         // vrax-host
+        QString module;       // liborvello.so
+        QString service;      // orvello-service
+    };
+    struct Answer
+    {
+        int status = 0;       // HTTP status, 0 when the host could not be reached
+        QJsonObject body;
+        bool ok() const { return status == 200; }
+        QString errorMessage() const;
+    };
+
+    DeviceRig(const Paths& paths, const QString& workDir);
+    ~DeviceRig();
+
+    const QString& workDir() const { return m_workDir; }
+    // The host's data directory (its working directory).
+    QString dataDir() const;
+    // Where the module looks for a library in a developer build tree, seen from the data directory.
+    QString devTreeLibraryPath() const;
+
+    // Starts orvello-service offering version with the library file (copied into the service's
+    // directory). False with the reason in error.
+    bool startService(const QString& version, const QString& libraryFile, QString* error);
+    int servicePort() const { return m_servicePort; }
+    QString versionUrl() const;
+
+    // Writes the settings (path -> plain value) and starts vrax-host on them. env: extra
+    // environment of the host (the reference library reads its own variables).
+    bool startHost(const QVariantHash& settings, const QString& audioOut, const QString& pace,
+                   const QStringList& env, QString* error);
+    // SIGTERM and wait; the host's exit code, or -1 when it did not end in time or crashed.
+    int stopHost();
+    bool hostRunning() const;
+    // Log lines the host has written so far (its standard error).
+    QStringList hostLog();
+    // True when the host's log has a line containing text (waits up to timeoutMs).
+    bool waitForLog(const QString& text, int timeoutMs);
+
+    Answer get(const QString& path);
+    Answer post(const QString& path, const QJsonObject& body);
+    // POST /api/value of a plain value.
+    Answer setValue(const QString& path, const QJsonValue& value);
+
+private:
+    Answer request(const QByteArray& method, const QString& path, const QByteArray& body);
+    void readHostLog();
+
+    Paths m_paths;
+    QString m_workDir;
+    std::unique_ptr<QProcess> m_service;
+    std::unique_ptr<QProcess> m_host;
+    int m_servicePort = 0;
+    int m_controlPort = 0;
+    QStringList m_hostLog;
+    QByteArray m_partialLine;
+};
