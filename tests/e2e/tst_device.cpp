@@ -1,0 +1,230 @@
+// The whole device: vrax-host running liborvello.so with the reference player library, the
+// update service emulator on loopback, the audio pipeline at fast pace.
+#include "DeviceRig.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sndfile.h>
+
+#include <cmath>
+#include <vector>
+
+namespace {
+
+const DeviceRig::Paths kPaths{QStringLiteral(VRAX_HOST_PATH), QStringLiteral(ORVELLO_MODULE_PATH),
+                              QStringLiteral(ORVELLO_SERVICE_PATH)};
+
+QVariantHash baseSettings(const DeviceRig& rig)
+{
+    return {{QStringLiteral("settings/orvello/versionUrl"), rig.versionUrl()},
+            {QStringLiteral("settings/orvello/updateCheckIntervalSeconds"), 1},
+            {QStringLiteral("settings/orvello/outputSampleRate"), 44100},
+            {QStringLiteral("settings/orvello/outputChannels"), 2},
+            {QStringLiteral("settings/orvello/cacheEnabled"), true},
+            {QStringLiteral("settings/orvello/provisioningVendorId"), QStringLiteral("vendor-e2e")},
+            {QStringLiteral("settings/system/serialNumber"), QStringLiteral("SN-E2E")},
+            {QStringLiteral("settings/system/productName"), QStringLiteral("E2E Amp")}};
+}
+
+bool installLibrary(const DeviceRig& rig, const char* library)
+{
+    QDir().mkpath(QFileInfo(rig.devTreeLibraryPath()).absolutePath());
+    QFile::remove(rig.devTreeLibraryPath());
+    return QFile::copy(QString::fromLatin1(library), rig.devTreeLibraryPath());
+}
+
+QString stringValue(DeviceRig& rig, const QString& path)
+{
+    return rig.get(QStringLiteral("/api/value?path=") + path)
+        .body.value(QStringLiteral("value")).toObject().value(QStringLiteral("string_")).toString();
+}
+
+int playState(DeviceRig& rig)
+{
+    return rig.get(QStringLiteral("/api/playlogic")).body.value(QStringLiteral("state")).toInt();
+}
+
+double pipelineBytes(DeviceRig& rig)
+{
+    return rig.get(QStringLiteral("/api/pipeline")).body.value(QStringLiteral("bytes")).toDouble();
+}
+
+} // namespace
+
+class TestDevice : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void init();
+    void pairedDeviceStartsByItself();
+    void unpairedDeviceWaitsAndStartsOnCode();
+    void refusedCodeLeavesDeviceWaiting();
+    void loadFailureIsAnsweredAndRetried();
+    void updateSwapLosesNoAudio();
+
+private:
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<DeviceRig> m_rig;
+};
+
+void TestDevice::init()
+{
+    m_rig.reset();
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+    QFile::remove(QStringLiteral("/tmp/orvello/liboplayer-1.so"));
+    m_rig = std::make_unique<DeviceRig>(kPaths, m_dir->path());
+    QString error;
+    // The service offers what the device runs: no update unless a test asks for one.
+    QVERIFY2(m_rig->startService(QStringLiteral("1.0.0"), QStringLiteral(OPLAYER_REF_1_0_0), &error), qPrintable(error));
+}
+
+void TestDevice::pairedDeviceStartsByItself()
+{
+    DeviceRig& rig = *m_rig;
+    QVERIFY(installLibrary(rig, OPLAYER_REF_1_0_0));
+    QVariantHash settings = baseSettings(rig);
+    settings.insert(QStringLiteral("settings/orvello/token"), QStringLiteral("paired-earlier"));
+    QString error;
+    QVERIFY2(rig.startHost(settings, QStringLiteral("null"), QStringLiteral("fast"), {}, &error), qPrintable(error));
+
+    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+    QTRY_VERIFY_WITH_TIMEOUT(pipelineBytes(rig) > 44100 * 4, 15000);
+    QCOMPARE(stringValue(rig, QStringLiteral("orvello/sdkVersion")), QStringLiteral("1.0.0"));
+    QVERIFY(!rig.get(QStringLiteral("/api/playlogic")).body.value(QStringLiteral("title")).toString().isEmpty());
+    QVERIFY(!rig.waitForLog(QStringLiteral("Waiting for pairing code"), 0));
+    QCOMPARE(rig.stopHost(), 0);
+}
+
+void TestDevice::unpairedDeviceWaitsAndStartsOnCode()
+{
+    DeviceRig& rig = *m_rig;
+    QVERIFY(installLibrary(rig, OPLAYER_REF_1_0_0));
+    QString error;
+    QVERIFY2(rig.startHost(baseSettings(rig), QStringLiteral("null"), QStringLiteral("fast"), {}, &error), qPrintable(error));
+    QVERIFY(rig.waitForLog(QStringLiteral("INFO  [Orvello] Waiting for pairing code before initializing.."), 10000));
+    QCOMPARE(stringValue(rig, QStringLiteral("orvello/sdkVersion")), QString()); // no library loaded yet
+    QCOMPARE(playState(rig), 0);
+
+    const DeviceRig::Answer answer = rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("abc-DEF"));
+    QVERIFY2(answer.ok(), qPrintable(answer.errorMessage()));
+    QVERIFY(rig.waitForLog(QStringLiteral("new value: abcDEF. Initiating pairing."), 0));
+    QVERIFY(stringValue(rig, QStringLiteral("settings/orvello/deviceId")).startsWith(QLatin1String("oplayer-ref-")));
+    QVERIFY(!stringValue(rig, QStringLiteral("settings/orvello/token")).isEmpty());
+    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+
+    // A second code on an initialised device goes straight to pairing.
+    QVERIFY(rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("GHIJKL")).ok());
+    QCOMPARE(rig.hostLog().filter(QStringLiteral("Running SDK version: 1.0.0")).size(), 1);
+    QCOMPARE(rig.stopHost(), 0);
+}
+
+void TestDevice::refusedCodeLeavesDeviceWaiting()
+{
+    DeviceRig& rig = *m_rig;
+    QVERIFY(installLibrary(rig, OPLAYER_REF_1_0_0));
+    QString error;
+    QVERIFY2(rig.startHost(baseSettings(rig), QStringLiteral("null"), QStringLiteral("fast"), {}, &error), qPrintable(error));
+
+    const DeviceRig::Answer invalid = rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("ABC1EF"));
+    QCOMPARE(invalid.status, 422);
+    QCOMPARE(invalid.errorMessage(), QStringLiteral("Invalid pairing code"));
+
+    const DeviceRig::Answer refused = rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("ZZZ-ABC"));
+    QCOMPARE(refused.status, 422);
+    QCOMPARE(refused.errorMessage(),
+             QStringLiteral("Error while initiating device pairing, error: The pairing code ZZZABC was refused by the service"));
+    QVERIFY(rig.waitForLog(QStringLiteral("ERROR [Orvello] Error while initiating device pairing, message: "), 0));
+    QCOMPARE(stringValue(rig, QStringLiteral("settings/orvello/deviceId")), QString());
+    QCOMPARE(stringValue(rig, QStringLiteral("settings/orvello/token")), QString());
+    QCOMPARE(playState(rig), 0);
+
+    QVERIFY(rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("ABC-DEF")).ok());
+    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+    QCOMPARE(rig.stopHost(), 0);
+}
+
+void TestDevice::loadFailureIsAnsweredAndRetried()
+{
+    DeviceRig& rig = *m_rig;
+    QString error;
+    QVERIFY2(rig.startHost(baseSettings(rig), QStringLiteral("null"), QStringLiteral("fast"), {}, &error), qPrintable(error));
+
+    const DeviceRig::Answer failed = rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("ABCDEF"));
+    QCOMPARE(failed.status, 422);
+    QCOMPARE(failed.errorMessage(), QStringLiteral("Failed to load library"));
+    QVERIFY(rig.waitForLog(QStringLiteral("ERROR [Orvello] Failed to load oplayer-1 library"), 0));
+    QCOMPARE(playState(rig), 0);
+
+    QVERIFY(installLibrary(rig, OPLAYER_REF_1_0_0));
+    const DeviceRig::Answer retried = rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("ABCDEF"));
+    QVERIFY2(retried.ok(), qPrintable(retried.errorMessage()));
+    QCOMPARE(stringValue(rig, QStringLiteral("orvello/sdkVersion")), QStringLiteral("1.0.0"));
+    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+    QCOMPARE(rig.stopHost(), 0);
+}
+
+// The library plays a known file in a loop; across the swap to 1.1.0 the pipeline must receive
+// whole copies of it: a lost or repeated piece of the track would shift everything after it.
+void TestDevice::updateSwapLosesNoAudio()
+{
+    DeviceRig& rig = *m_rig;
+    const int rate = 44100;
+    const int channels = 2;
+    const int frames = rate / 4;
+    std::vector<short> source(std::size_t(frames) * channels);
+    for (std::size_t i = 0; i < source.size(); ++i)
+        source[i] = short(std::lround(20000 * std::sin(double(i) * 0.0137) + (i % 7) * 13));
+    const QString music = m_dir->path() + QStringLiteral("/music");
+    QVERIFY(QDir().mkpath(music));
+    SF_INFO info = {};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* file = sf_open(qPrintable(music + QStringLiteral("/track.wav")), SFM_WRITE, &info);
+    QVERIFY(file);
+    sf_writef_short(file, source.data(), frames);
+    sf_close(file);
+
+    QVERIFY(installLibrary(rig, OPLAYER_REF_1_0_0));
+    QString error;
+    QVERIFY(rig.startService(QStringLiteral("1.1.0"), QStringLiteral(OPLAYER_REF_1_1_0), &error));
+    QVariantHash settings = baseSettings(rig);
+    settings.insert(QStringLiteral("settings/orvello/token"), QStringLiteral("paired-earlier"));
+    const QString wav = m_dir->path() + QStringLiteral("/out.wav");
+    QVERIFY2(rig.startHost(settings, QStringLiteral("wav:") + wav, QStringLiteral("fast"),
+                           {QStringLiteral("OPLAYER_REF_MUSIC_DIR=") + music}, &error), qPrintable(error));
+
+    QVERIFY2(rig.waitForLog(QStringLiteral("Running SDK version: 1.1.0"), 20000), qPrintable(rig.hostLog().join('\n')));
+    const double atSwap = pipelineBytes(rig);
+    QTRY_VERIFY_WITH_TIMEOUT(pipelineBytes(rig) > atSwap + source.size() * 2 * 3, 15000);
+    QCOMPARE(rig.stopHost(), 0);
+    QCOMPARE(rig.hostLog().filter(QStringLiteral("End of oplayer main loop, cleaning up")).size(), 1);
+
+    SF_INFO written = {};
+    SNDFILE* out = sf_open(qPrintable(wav), SFM_READ, &written);
+    QVERIFY(out);
+    QCOMPARE(written.samplerate, rate);
+    QCOMPARE(written.channels, channels);
+    std::vector<short> received(std::size_t(written.frames) * channels);
+    sf_readf_short(out, received.data(), written.frames);
+    sf_close(out);
+    QVERIFY(QFile::exists(m_dir->path() + QStringLiteral("/out.wav")));
+    QVERIFY(!QFile::exists(m_dir->path() + QStringLiteral("/out-2.wav"))); // one format throughout
+
+    // The library plays at its default volume of 80.
+    std::vector<short> expected(source.size());
+    for (std::size_t i = 0; i < source.size(); ++i)
+        expected[i] = short(std::lrint(source[i] * 0.8));
+    QVERIFY2(received.size() > 4 * expected.size(), qPrintable(QString::number(received.size())));
+    for (std::size_t i = 0; i < received.size(); ++i)
+        if (received[i] != expected[i % expected.size()])
+            QFAIL(qPrintable(QStringLiteral("sample %1 of %2 differs").arg(i).arg(received.size())));
+}
+
+QTEST_GUILESS_MAIN(TestDevice)
+#include "tst_device.moc"
