@@ -187,12 +187,17 @@ void OPlayerLib::mainLoop()
         return;
     }
     LOG4CPLUS_INFO(logger, "End of oplayer main loop, cleaning up");
+    destroyInstance();
+    Q_EMIT endOfLoop();
+}
+
+void OPlayerLib::destroyInstance()
+{
     m_api->destroy(m_oplayer);
     m_oplayer = nullptr;
     m_playbackApi.setControlsApi(nullptr);
     m_playbackApi.setMetadataApi(nullptr);
     m_playbackApi.setOPlayer(nullptr);
-    Q_EMIT endOfLoop();
 }
 
 void OPlayerLib::shutdown()
@@ -200,11 +205,7 @@ void OPlayerLib::shutdown()
     if (!m_oplayer)
         return;
     LOG4CPLUS_INFO(logger, "Shutting down the running oplayer instance");
-    m_api->destroy(m_oplayer);
-    m_oplayer = nullptr;
-    m_playbackApi.setControlsApi(nullptr);
-    m_playbackApi.setMetadataApi(nullptr);
-    m_playbackApi.setOPlayer(nullptr);
+    destroyInstance();
 }
 
 void OPlayerLib::requestExit()

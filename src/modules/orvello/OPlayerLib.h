@@ -74,6 +74,9 @@ Q_SIGNALS:
     void endOfLoop();
 
 private:
+    // Destroys the instance and detaches the bridge from it.
+    void destroyInstance();
+
     QLibrary* m_library;
     oplayer_init_params m_params;
     const oplayer_api* m_api;

@@ -160,10 +160,7 @@ void DevicePlayer::close(PlayLogicBase* logic)
 {
     if (!logic || logic != m_current)
         return;
-    m_current = nullptr;
-    m_clock.stop();
-    if (m_pipeline)
-        m_pipeline->stop();
+    forget(logic);
     PlayFrameworkAccess::playbackEnded(logic);
 }
 
