@@ -110,8 +110,8 @@ void TestOrvelloWorker::scratchDirectoryNotWritable()
     QProcess child;
     child.setProcessChannelMode(QProcess::MergedChannels);
     const QString script = QStringLiteral(
-        "mount -t tmpfs tmpfs /tmp && mkdir /tmp/orvello && mount --bind /tmp/orvello /tmp/orvello "
-        "&& mount -o remount,bind,ro /tmp/orvello && exec \"$0\" %1").arg(QLatin1String(kReadOnlyCase));
+        "mkdir -p /tmp/orvello && mount -t tmpfs tmpfs /tmp/orvello && mount -o remount,ro /tmp/orvello "
+        "&& exec \"$0\" %1").arg(QLatin1String(kReadOnlyCase));
     child.start(QStringLiteral("unshare"), {QStringLiteral("-m"), QStringLiteral("--propagation"), QStringLiteral("private"),
                                             QStringLiteral("sh"), QStringLiteral("-c"), script,
                                             QCoreApplication::applicationFilePath()});
