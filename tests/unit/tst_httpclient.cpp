@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -41,6 +42,7 @@ private Q_SLOTS:
     void results_data();
     void results();
     void abortedRequestEndsOnce();
+    void headersAreSentInOrderEmptyOnesToo();
     void noCallbackAfterDestruction();
     void destroyedFromItsCallback();
 
@@ -179,6 +181,39 @@ void tst_HttpClient::abortedRequestEndsOnce()
     QCOMPARE(witness.calls.last().state, int(HttpClientResult::Complete));
     QCOMPARE(aborted.calls.size(), 1);
     QCOMPARE(aborted.calls.first().state, int(HttpClientResult::Aborted));
+}
+
+// The service emulator cannot see an empty header (its HTTP library drops them), so this
+// reads the request off a plain socket.
+void tst_HttpClient::headersAreSentInOrderEmptyOnesToo()
+{
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    QByteArray request;
+    connect(&server, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket* socket = server.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [&request, socket] {
+            request += socket->readAll();
+            if (request.contains("\r\n\r\n"))
+                socket->write("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
+        });
+    });
+    HttpClientHeaders headers;
+    headers.insert(QStringLiteral("X-Device-Key-0"), QStringLiteral("eth0"));
+    headers.insert(QStringLiteral("X-Device-Id-0"), QString());
+    headers.insert(QStringLiteral("X-Device-Vendor"), QStringLiteral("vendor-7"));
+    HttpClientOptions options;
+    options.setHeaders(headers);
+    HttpClient client(nullptr, HttpClient::Http1_1, true);
+    Recorder recorder;
+    client.get(VraxUrl::fromEncoded(QStringLiteral("http://127.0.0.1:%1/config.json").arg(server.serverPort())), options,
+               recorder.callback());
+    QTRY_VERIFY_WITH_TIMEOUT(recorder.ended(), 10000);
+    QCOMPARE(recorder.calls.last().httpCode, 200);
+    const int key = request.indexOf("\r\nX-Device-Key-0: eth0\r\n");
+    const int id = request.indexOf("\r\nX-Device-Id-0: \r\n");
+    const int vendor = request.indexOf("\r\nX-Device-Vendor: vendor-7\r\n");
+    QVERIFY2(key > 0 && id > key && vendor > id, request.constData());
 }
 
 void tst_HttpClient::noCallbackAfterDestruction()

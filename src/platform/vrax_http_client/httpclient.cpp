@@ -111,8 +111,13 @@ void HttpClient::startReply(const std::shared_ptr<Request>& request, const VraxU
             order.append(name);
         values[name].append(header.second.toUtf8());
     }
-    for (const QByteArray& name : order)
-        networkRequest.setRawHeader(name, values.value(name).join(", "));
+    for (const QByteArray& name : order) {
+        // Qt drops a header whose value is null; an empty value is still sent.
+        QByteArray value = values.value(name).join(", ");
+        if (value.isNull())
+            value = QByteArray("");
+        networkRequest.setRawHeader(name, value);
+    }
     networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                                 m_followRedirects ? QNetworkRequest::NoLessSafeRedirectPolicy
                                                   : QNetworkRequest::ManualRedirectPolicy);
