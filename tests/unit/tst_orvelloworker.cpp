@@ -35,6 +35,7 @@ private Q_SLOTS:
     void scratchDirectoryExists();
     void prepareDirectoryCreatesParents();
     void scratchDirectoryNotWritable();
+    void initialisationGate();
 };
 
 void TestOrvelloWorker::moduleCreatesWorkerThroughEntry()
@@ -117,6 +118,45 @@ void TestOrvelloWorker::scratchDirectoryNotWritable()
                                             QCoreApplication::applicationFilePath()});
     QVERIFY(child.waitForFinished(60000));
     QVERIFY2(child.exitCode() == 0, child.readAll().constData());
+}
+
+// The gate with a thread-free fake library whose pairing start answers 7, so every pairing
+// request ends at once with that error.
+void TestOrvelloWorker::initialisationGate()
+{
+    TestPlatform t;
+    LogCapture log;
+    OrvelloWorker worker{QVariantHash()};
+    QCOMPARE(log.messages(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Orvello")),
+             QStringList{QStringLiteral("Waiting for pairing code before initializing..")});
+    QVERIFY(t.platform().node(VraxOrvelloSetPairCode()));
+
+    CMError error = worker.maybeInitialize(false);
+    QCOMPARE(error.text(), QStringLiteral("Missing pairing code"));
+    QCOMPARE(error.message().context(), QStringLiteral("OrvelloWorker"));
+    error = worker.maybeInitialize(true);
+    QCOMPARE(error.text(), QStringLiteral("Failed to load library"));
+    QCOMPARE(error.name(), CMError::DefaultName());
+    QVERIFY(log.contains(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Failed to load oplayer-1 library")));
+
+    QVERIFY(QDir().mkpath(QStringLiteral("data-rw/orvello")));
+    QVERIFY(QFile::copy(QStringLiteral(FAKE_PAIR_START_ERROR), QStringLiteral("data-rw/orvello/liboplayer-1.so")));
+    VraxHash code;
+    code.setString_(QStringLiteral("ABCDEF"));
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        log.clear();
+        CMReply<QVariant> reply;
+        CMRoot()->invoke(VraxOrvelloSetPairCode(), code, reply);
+        QVERIFY(!reply.isFinished()); // queued to the worker
+        QTRY_VERIFY(reply.isFinished());
+        QCOMPARE(reply.error().text(), QStringLiteral("Error while initiating device pairing, error: 7"));
+        QVERIFY(log.contains(log4cplus::TRACE_LOG_LEVEL,
+                             QStringLiteral("Enter OrvelloWorker::on_setPairingCode_activated(const CMSetDataRequest&): "
+                                            "{\"string_\":\"ABCDEF\"}")));
+        // The library is loaded once; the second request finds the worker initialised.
+        QCOMPARE(log.count(log4cplus::TRACE_LOG_LEVEL, QStringLiteral("Already initialized, doing nothing.")), attempt);
+        QCOMPARE(log.messages(log4cplus::INFO_LOG_LEVEL).filter(QStringLiteral("Running SDK version")).size(), 1 - attempt);
+    }
 }
 
 // Runs in the child of scratchDirectoryNotWritable, where /tmp/orvello is a read-only mount.
