@@ -27,7 +27,7 @@ CMVoidReply failed(const CMError& error)
 } // namespace
 
 DevicePlayer::DevicePlayer(const std::string& sinkSpec, AudioPace pace)
-    : m_sinkSpec(sinkSpec), m_pace(pace), m_audioPosted(std::make_shared<std::atomic<bool>>(false))
+    : m_sinkSpec(sinkSpec), m_pace(pace)
 {
     VRAX_ASSERT(s_instance == nullptr);
     s_instance = this;
@@ -106,21 +106,19 @@ bool DevicePlayer::ensurePipeline(const std::string& socketPath, QString* error)
             return false;
         }
         m_pipeline = std::make_unique<AudioPipeline>(socketPath, std::move(sink), m_pace);
+        // The hooks run on the pipeline's thread, which is joined before this player goes; what
+        // they post is dropped by Qt if the player is gone by the time it would run.
         AudioPipelineHooks hooks;
-        std::shared_ptr<std::atomic<bool>> posted = m_audioPosted;
-        QPointer<DevicePlayer> self(this);
-        hooks.audioArrived = [self, posted](const std::uint8_t*, std::size_t) {
+        hooks.audioArrived = [this](const std::uint8_t*, std::size_t) {
             // One event per burst of audio, not one per chunk.
-            if (!posted->exchange(true))
-                QMetaObject::invokeMethod(self.data(), [self] { if (self) self->onAudio(); }, Qt::QueuedConnection);
+            if (!m_audioPosted.exchange(true))
+                QMetaObject::invokeMethod(this, &DevicePlayer::onAudio, Qt::QueuedConnection);
         };
-        hooks.senderConnected = [self] {
-            QMetaObject::invokeMethod(self.data(), [self] { if (self) Q_EMIT self->senderChanged(true); },
-                                      Qt::QueuedConnection);
+        hooks.senderConnected = [this] {
+            QMetaObject::invokeMethod(this, [this] { Q_EMIT senderChanged(true); }, Qt::QueuedConnection);
         };
-        hooks.senderDisconnected = [self] {
-            QMetaObject::invokeMethod(self.data(), [self] { if (self) Q_EMIT self->senderChanged(false); },
-                                      Qt::QueuedConnection);
+        hooks.senderDisconnected = [this] {
+            QMetaObject::invokeMethod(this, [this] { Q_EMIT senderChanged(false); }, Qt::QueuedConnection);
         };
         m_pipeline->setHooks(std::move(hooks));
     }
@@ -145,7 +143,7 @@ CMVoidReply DevicePlayer::open(PlayLogicBase* logic, const VraxRoles& roles)
         close(m_current);
     m_current = logic;
     m_bytesAtOpen = m_pipeline->counters().bytes;
-    m_audioPosted->store(false);
+    m_audioPosted = false;
     m_pipeline->setReadingPaused(false);
     PlayFrameworkAccess::publishTrackRoles(logic, roles);
     PlayFrameworkAccess::publishStatus(logic, VraxPlayLogicStatus());
@@ -182,7 +180,7 @@ void DevicePlayer::setPaused(PlayLogicBase* logic, bool paused)
 
 void DevicePlayer::onAudio()
 {
-    m_audioPosted->store(false);
+    m_audioPosted = false;
     if (m_current && m_current->data().state() == VraxPlayLogicData::Starting)
         PlayFrameworkAccess::setState(m_current, VraxPlayLogicData::Playing);
 }

@@ -65,7 +65,7 @@ private:
     // Bytes the pipeline had received when the current playback began; the play clock counts from there.
     std::uint64_t m_bytesAtOpen = 0;
     // Set by the pipeline's thread on audio, cleared when the main thread has seen it.
-    std::shared_ptr<std::atomic<bool>> m_audioPosted;
+    std::atomic<bool> m_audioPosted{false};
     QTimer m_clock;
 };
 
