@@ -173,35 +173,35 @@ void Host::addRoutes()
                                         {QStringLiteral("value"), jsonOf(CMRoot()->getValue(CMPath(path)))}});
     });
 
-    auto pathAndValue = [](const ControlApi::Request& request, const std::shared_ptr<ControlApi::Response>& response,
-                           CMPath* path, VraxHash* value) {
-        *path = CMPath(request.body.value(QStringLiteral("path")).toString());
-        QString why;
-        if (path->isEmpty()) {
-            response->error(400, QStringLiteral("the body needs a \"path\" string"));
-            return false;
-        }
-        if (!request.body.contains(QStringLiteral("value"))) {
-            response->error(400, QStringLiteral("the body needs a \"value\""));
-            return false;
-        }
-        if (!typedValue(request.body.value(QStringLiteral("value")), value, &why)) {
-            response->error(400, QStringLiteral("unusable value: %1").arg(why));
-            return false;
-        }
-        return true;
+    // POST {"path", "value"} handed to the platform; the platform reply's outcome is the answer.
+    auto pathAndValueRoute = [](void (*deliver)(const CMPath&, const VraxHash&, const CMReply<QVariant>&)) {
+        return [deliver](const ControlApi::Request& request, const std::shared_ptr<ControlApi::Response>& response) {
+            const CMPath path(request.body.value(QStringLiteral("path")).toString());
+            if (path.isEmpty()) {
+                response->error(400, QStringLiteral("the body needs a \"path\" string"));
+                return;
+            }
+            if (!request.body.contains(QStringLiteral("value"))) {
+                response->error(400, QStringLiteral("the body needs a \"value\""));
+                return;
+            }
+            VraxHash value;
+            QString why;
+            if (!typedValue(request.body.value(QStringLiteral("value")), &value, &why)) {
+                response->error(400, QStringLiteral("unusable value: %1").arg(why));
+                return;
+            }
+            CMReply<QVariant> reply;
+            answerWith(reply, response);
+            deliver(path, value, reply);
+        };
     };
-
-    m_api.post("/api/value", [pathAndValue](const ControlApi::Request& request,
-                                            const std::shared_ptr<ControlApi::Response>& response) {
-        CMPath path;
-        VraxHash value;
-        if (!pathAndValue(request, response, &path, &value))
-            return;
-        CMVoidReply reply;
-        answerWith(reply, response);
+    m_api.post("/api/value", pathAndValueRoute([](const CMPath& path, const VraxHash& value, const CMReply<QVariant>& reply) {
         CMRoot()->setValue(path, value, reply);
-    });
+    }));
+    m_api.post("/api/invoke", pathAndValueRoute([](const CMPath& path, const VraxHash& value, const CMReply<QVariant>& reply) {
+        CMRoot()->invoke(path, value, reply);
+    }));
 
     m_api.get("/api/playlogic", [](const ControlApi::Request& request,
                                    const std::shared_ptr<ControlApi::Response>& response) {
@@ -272,16 +272,5 @@ void Host::addRoutes()
             {QStringLiteral("pace"), QString::fromLatin1(vrax::AudioPipeline::toString(
                                          m_options.pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast
                                                                                    : vrax::AudioPace::Realtime))}});
-    });
-
-    m_api.post("/api/invoke", [pathAndValue](const ControlApi::Request& request,
-                                             const std::shared_ptr<ControlApi::Response>& response) {
-        CMPath path;
-        VraxHash value;
-        if (!pathAndValue(request, response, &path, &value))
-            return;
-        CMReply<QVariant> reply;
-        answerWith(reply, response);
-        CMRoot()->invoke(path, value, reply);
     });
 }
