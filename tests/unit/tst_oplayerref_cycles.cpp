@@ -47,7 +47,9 @@ private Q_SLOTS:
             stopLibrary(*lib);
             QCOMPARE(sink.shutdowns.load(), 1);
             lib.reset();
-            QCOMPARE(threadCount(), threadsBefore);
+            // A joined thread can stay listed for a moment while the kernel (or an emulator)
+            // finishes it; one that never goes is a leak.
+            QTRY_COMPARE(threadCount(), threadsBefore);
             QVERIFY2(!libraryMapped(), "the player library is still mapped after unload");
         }
     }
