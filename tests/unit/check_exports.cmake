@@ -1,7 +1,11 @@
 # Fails unless the module's dynamic symbol table defines exactly worker_create.
-execute_process(COMMAND nm -D --defined-only ${MODULE} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+# NM: the target's nm (a cross build's module is read with the cross binutils).
+if(NOT NM)
+  set(NM nm)
+endif()
+execute_process(COMMAND ${NM} -D --defined-only ${MODULE} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "nm failed on ${MODULE}")
+  message(FATAL_ERROR "${NM} failed on ${MODULE}")
 endif()
 string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
 set(names)
