@@ -1,5 +1,6 @@
 // The whole device: vrax-host running liborvello.so with the reference player library, the
 // update service emulator on loopback, the audio pipeline at fast pace.
+#include "ChildProcesses.h"
 #include "DeviceRig.h"
 
 #include <QDir>
@@ -59,6 +60,7 @@ class TestDevice : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void initTestCase() { SKIP_WITHOUT_CHILD_PROCESSES(); }
     void init();
     void pairedDeviceStartsByItself();
     void unpairedDeviceWaitsAndStartsOnCode();

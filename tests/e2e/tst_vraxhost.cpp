@@ -1,5 +1,7 @@
 // vrax-host as scripts use it: refusals at start with their exit status and message, and a
 // clean exit on SIGINT and SIGTERM.
+#include "ChildProcesses.h"
+
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -13,6 +15,7 @@ class TestVraxHost : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void initTestCase() { SKIP_WITHOUT_CHILD_PROCESSES(); }
     void refusesToStart_data();
     void refusesToStart();
     void stopsCleanlyOnSignal_data();

@@ -1,3 +1,4 @@
+#include "ChildProcesses.h"
 #include "OrvelloServiceProcess.h"
 
 #include "http/httpclient.h"
@@ -54,6 +55,7 @@ private:
 
 void tst_HttpClient::initTestCase()
 {
+    SKIP_WITHOUT_CHILD_PROCESSES();
     QVERIFY(m_dir.isValid());
     // Big enough to arrive in many pieces, small enough to stay under every limit but one.
     m_library.resize(1024 * 1024 + 7);

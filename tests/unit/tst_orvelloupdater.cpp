@@ -1,3 +1,4 @@
+#include "ChildProcesses.h"
 #include "LogCapture.h"
 #include "OrvelloServiceProcess.h"
 #include "TestPlatform.h"
@@ -98,6 +99,7 @@ private:
 
 void tst_OrvelloUpdater::initTestCase()
 {
+    SKIP_WITHOUT_CHILD_PROCESSES();
     QVERIFY(m_libraryDir.isValid());
     m_library = QByteArray("\x7f" "ELF fake player library 1.1.0\n").repeated(3000);
     QVERIFY(writeFile(m_libraryDir.filePath("liboplayer-1.so"), m_library));

@@ -1,5 +1,6 @@
 // The module as the platform sees it: liborvello.so loaded with dlopen, worker_create, the
 // published nodes, the scratch directory, and clean deletion.
+#include "ChildProcesses.h"
 #include "LogCapture.h"
 #include "TestPlatform.h"
 
@@ -106,6 +107,7 @@ void TestOrvelloWorker::scratchDirectoryNotWritable()
 {
     if (geteuid() != 0)
         QSKIP("needs root to make a private read-only mount of /tmp/orvello");
+    SKIP_WITHOUT_CHILD_PROCESSES();
     if (QProcess::execute(QStringLiteral("unshare"), {QStringLiteral("-m"), QStringLiteral("true")}) != 0)
         QSKIP("this machine does not allow mount namespaces, so /tmp/orvello cannot be made read-only for root");
     QProcess child;
