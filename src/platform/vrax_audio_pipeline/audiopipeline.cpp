@@ -282,6 +282,22 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         w.string(reason);
         smt2::wire::writeHeader(s.reply.data(), std::uint32_t(s.reply.size() - smt2::wire::HeaderSize), HelloReply);
         auto sp = session;
+        if (!accepted) {
+            LOG4CPLUS_INFO(logger, "Refusing sender: " << reason);
+            count([](AudioPipelineCounters& c) { ++c.refusedHandshakes; });
+            s.refused = true;
+        } else {
+            s.handshakeDone = true;
+            count([](AudioPipelineCounters& c) {
+                ++c.connections;
+                c.senderConnected = true;
+            });
+            LOG4CPLUS_INFO(logger, "Sender connected on " << path);
+            if (hooks.senderConnected)
+                hooks.senderConnected();
+        }
+        // Counted before the answer goes out (asio may write it at once): a sender that sees
+        // the handshake done finds the pipeline's counters already saying so.
         asio::async_write(s.socket, asio::buffer(s.reply),
                           [self = shared_from_this(), w = std::weak_ptr<Session>(sp), accepted, reason](const std::error_code& ec, std::size_t) {
                               auto s = w.lock();
@@ -292,20 +308,6 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                               else if (ec)
                                   self->drop(ec.message());
                           });
-        if (!accepted) {
-            LOG4CPLUS_INFO(logger, "Refusing sender: " << reason);
-            count([](AudioPipelineCounters& c) { ++c.refusedHandshakes; });
-            s.refused = true;
-            return true;
-        }
-        s.handshakeDone = true;
-        count([](AudioPipelineCounters& c) {
-            ++c.connections;
-            c.senderConnected = true;
-        });
-        LOG4CPLUS_INFO(logger, "Sender connected on " << path);
-        if (hooks.senderConnected)
-            hooks.senderConnected();
         return true;
     }
 
