@@ -199,6 +199,15 @@ private slots:
         QVERIFY(client.send(tenthSecond));
         WAIT_VERIFY(pipeline.counters().bytes == 6400);
         QCOMPARE(pipeline.counters().underruns, quint64(1));
+        // Nor is a pause: the read already under way completes, then reading stops until resumed.
+        pipeline.setReadingPaused(true);
+        QVERIFY(client.send(tenthSecond));
+        WAIT_VERIFY(pipeline.counters().bytes == 8000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        pipeline.setReadingPaused(false);
+        QVERIFY(client.send(tenthSecond));
+        WAIT_VERIFY(pipeline.counters().bytes == 9600);
+        QCOMPARE(pipeline.counters().underruns, quint64(1));
     }
 
     // The benchmarks read this file: events in order, byte totals, and at fast pace the time

@@ -494,6 +494,8 @@ void AudioPipeline::setReadingPaused(bool paused)
             auto p = w.lock();
             if (p && p->session && p->session->waitingForResume) {
                 p->session->waitingForResume = false;
+                // A paused sound card's clock stops too: what follows the pause is no underrun.
+                p->session->clockStart.reset();
                 p->readHeader(p->session);
             }
         });
