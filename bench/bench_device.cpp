@@ -34,6 +34,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -244,6 +245,7 @@ struct RealtimeRun
     qint64 idlePeakKiB = 0, idleGrowthKiB = 0, peakKiB = 0, rss10KiB = 0, rss35KiB = 0, rss60KiB = 0;
     double underrunsPaused = 0, underrunsPlaying = 0;
     double idleWindowS = 0;
+    std::map<QString, double> threadCpuPerSecond, idleThreadCpuPerSecond;
     QVector<QPointF> rss;          // (s of playing, MiB)
 };
 
@@ -549,10 +551,15 @@ RealtimeRun Bench::realtimeRun(int i, bool memory)
     raw.start(QStringLiteral(BENCH_RAWSOCKET_PATH), {QStringLiteral("paced"), QStringLiteral("20")});
     const qint64 idleStart = nowNs();
     const double idleCpu0 = processCpuSeconds(pid);
+    const std::map<QString, double> idleThreads0 = threadCpuSeconds(pid);
     const qint64 idleRss0 = statusKiB(pid, "VmRSS:");
     wait(20000);
     run.idleWindowS = double(nowNs() - idleStart) / 1e9;
     run.idleCpuPerSecond = (processCpuSeconds(pid) - idleCpu0) / run.idleWindowS;
+    for (const auto& [name, cpu] : threadCpuSeconds(pid)) {
+        const auto before = idleThreads0.find(name);
+        run.idleThreadCpuPerSecond[name] = (cpu - (before == idleThreads0.end() ? 0.0 : before->second)) / run.idleWindowS;
+    }
     run.idleGrowthKiB = statusKiB(pid, "VmRSS:") - idleRss0;
     run.idlePeakKiB = statusKiB(pid, "VmHWM:");
     // waitForFinished() is false for a process that has already finished.
@@ -569,8 +576,10 @@ RealtimeRun Bench::realtimeRun(int i, bool memory)
     const qint64 playStart = nowNs();
     auto sinceStart = [&] { return double(nowNs() - playStart) / 1e9; };
     double cpu0 = 0, played0 = 0;
+    std::map<QString, double> threads0;
     auto openWindow = [&] {
         cpu0 = processCpuSeconds(pid);
+        threads0 = threadCpuSeconds(pid);
         played0 = pipelineValue(*rig, "seconds");
     };
     if (memory) {
@@ -590,11 +599,19 @@ RealtimeRun Bench::realtimeRun(int i, bool memory)
     } else {
         wait(2000); // the buffers fill at the start
         openWindow();
-        waitUntil([&] { return pipelineValue(*rig, "seconds") - played0 >= 20.5; }, 40000);
+        // No polling inside the window: every control API request costs the host CPU too.
+        wait(21000);
+        while (pipelineValue(*rig, "seconds") - played0 < 20.0)
+            wait(1000);
     }
     const double cpu1 = processCpuSeconds(pid);
+    const std::map<QString, double> threads1 = threadCpuSeconds(pid);
     run.playedSeconds = pipelineValue(*rig, "seconds") - played0;
     run.playCpuPerSecond = (cpu1 - cpu0) / run.playedSeconds;
+    for (const auto& [name, cpu] : threads1) {
+        const auto before = threads0.find(name);
+        run.threadCpuPerSecond[name] = (cpu - (before == threads0.end() ? 0.0 : before->second)) / run.playedSeconds;
+    }
     run.peakKiB = statusKiB(pid, "VmHWM:");
     run.underrunsPlaying = pipelineValue(*rig, "underruns") - run.underrunsPaused;
     if (rig->stopHost() != 0)
@@ -629,6 +646,11 @@ double Bench::transferAloneTimesRealtime()
 }
 
 // ---- the report -------------------------------------------------------------------------------
+
+std::ostream& operator<<(std::ostream& out, const QString& text)
+{
+    return out << text.toUtf8().constData();
+}
 
 QString num(double value, int precision = 3)
 {
@@ -706,7 +728,7 @@ int main(int argc, char** argv)
     Series swapGap, swapOther, swapLibrary, rtSilence, rtOtherSilence, rtCushion;
     Series playCpu, idleCpu, rawCpu, rawPacedLatency, rawPacedLatencyP99, rawLatency, rawLatencyP99;
     Series latencyMedian, latencyP99, rtLatencyMedian, rtLatencyP99;
-    std::map<QString, Series> threads;
+    std::map<QString, Series> threads, rtThreads, idleThreads;
     RealtimeRun memoryRun;
     double underrunsPaused = 0, underrunsPlaying = 0;
     Series retryShare;
@@ -779,6 +801,10 @@ int main(int argc, char** argv)
             rawPacedLatencyP99.add(rt.raw.value(QStringLiteral("latencyP99Us")).toDouble());
             if (i == 0)
                 memoryRun = rt;
+            for (const auto& [name, cpu] : rt.threadCpuPerSecond)
+                rtThreads[name].add(cpu);
+            for (const auto& [name, cpu] : rt.idleThreadCpuPerSecond)
+                idleThreads[name].add(cpu);
             underrunsPaused += rt.underrunsPaused;
             underrunsPlaying += rt.underrunsPlaying;
             bench.say(QStringLiteral("realtime %1/%2: %3 CPU s per s of audio over %4 s, %5 paused, raw %6; underruns %7 "
@@ -796,8 +822,7 @@ int main(int argc, char** argv)
     struct utsname uts{};
     uname(&uts);
     const int cores = int(sysconf(_SC_NPROCESSORS_ONLN));
-    QString report;
-    QTextStream md(&report);
+    std::ostringstream md;
     md << "# Benchmarks of the audio path, the update swap and start-up\n\n"
        << "Written by `./dev bench` (bench/bench_device.cpp); every figure is the median of " << runs
        << " runs, with the range of the runs in brackets.\n\n"
@@ -824,7 +849,7 @@ int main(int argc, char** argv)
        << "| 2b | | | raw socket pair at the same byte rate: " << withRange(rawCpu, 2) << " | "
        << ratio(playCpu.med(), rawCpu.med()) << " |\n"
        << "| 3 | latency, data callback accepting a chunk to the pipeline reading it, fast pace (µs): median | "
-       << withRange(latencyMedian) << " | raw socket pair, write to read: " << withRange(rawLatency) << " | "
+       << withRange(latencyMedian) << " | raw socket pair, 128 KiB write to read: " << withRange(rawLatency) << " | "
        << ratio(latencyMedian.med(), rawLatency.med()) << " |\n"
        << "| 3b | the same, 99th percentile (µs) | " << withRange(latencyP99) << " | " << withRange(rawLatencyP99) << " | "
        << ratio(latencyP99.med(), rawLatencyP99.med()) << " |\n"
@@ -846,7 +871,8 @@ int main(int argc, char** argv)
        << " |\n"
        << "| 6 | peak RSS of vrax-host playing 60 s (MiB) | " << num(memoryPeakMiB) << " | the same host after 20 s paused: "
        << num(idlePeakMiB) << " | " << ratio(memoryPeakMiB, idlePeakMiB) << " |\n"
-       << "| 6b | RSS growth from 10 s to 60 s of playing (KiB) | " << num(growthKiB) << " | paused, over 50 s (scaled from "
+       << "| 6b | RSS growth from 10 s to 60 s of playing (KiB) | " << num(growthKiB) << " ("
+       << num(double(memoryRun.rss60KiB - memoryRun.rss35KiB)) << " after 35 s) | paused, over 50 s (scaled from "
        << num(memoryRun.idleWindowS, 2) << " s): " << num(idleGrowthPer50s) << " | " << ratio(growthKiB, idleGrowthPer50s)
        << " |\n\n"
        << "![RSS of vrax-host while playing, and the received stream around the update swap](latest.png)\n\n";
@@ -863,7 +889,9 @@ int main(int argc, char** argv)
        << "3. `vrax-host --trace` (a line per message the pipeline reads, with its byte total) and `OPLAYER_REF_TRACE` "
           "(a line each time the data callback returns having taken samples) are matched by byte total; both are "
           "CLOCK_MONOTONIC. Fast-pace runs of 2.5 s; the realtime figure comes from the realtime swap runs. "
-          "Baseline: write() called to the reader having the write's last byte.\n"
+          "The library's chunks are 16 KiB and the transfer keeps one in flight. Baseline: the raw throughput runs, "
+          "write() called to the reader having that write's last byte; 128 KiB writes back to back, so a write "
+          "can queue behind the one before.\n"
        << "4. Service emulator offering 1.1.0, update checks every second, 20 s tracks (fast) or 5 s (realtime); "
           "the host's trace gives the reads around the sequence end that the swap makes. At realtime pace each "
           "read carries when the audio read so far will have been played; silence is the first new read minus that "
@@ -879,16 +907,37 @@ int main(int argc, char** argv)
           "module and baseline, share alike. Tracing costs one write() per 16 KiB chunk on each side, so "
           "throughput (figure 1) and CPU (figure 2) are measured without it.\n\n";
 
-    md << "## Where the CPU goes at fast pace (CPU seconds per second, median)\n\n| thread | cores |\n|---|---|\n";
+    md << "## Where the CPU goes (CPU seconds per second, median of the runs)\n\n"
+       << "| thread | fast pace, streaming | realtime, per second of audio | paused |\n|---|---|---|---|\n";
+    auto label = [](const QString& name) {
+        if (name == QLatin1String("main"))
+            return QStringLiteral("main: Qt event loop, the module's main loop, control API answers");
+        if (name == QLatin1String("vrax-host"))
+            return QStringLiteral("unnamed: the player library's audio thread (and idle helpers)");
+        if (name == QLatin1String("orvelloAudioLoo"))
+            return QStringLiteral("orvelloAudioLoopThread: the transfer's smt2 I/O");
+        if (name == QLatin1String("audioPipeline"))
+            return QStringLiteral("audioPipeline: the emulated pipeline");
+        return name;
+    };
+    auto share = [](const std::map<QString, Series>& table, const QString& name) {
+        const auto found = table.find(name);
+        return found == table.end() ? 0.0 : found->second.med();
+    };
     QVector<QPair<double, QString>> ranked;
     for (const auto& [name, series] : threads)
         ranked << qMakePair(series.med(), name);
+    for (const auto& [name, series] : rtThreads)
+        if (!threads.count(name))
+            ranked << qMakePair(0.0, name);
     std::sort(ranked.begin(), ranked.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
-    for (const auto& [cores, name] : ranked)
-        if (cores >= 0.005)
-            md << "| " << name << " | " << num(cores, 2) << " |\n";
-    md << "| whole process | " << num(fastCores.med(), 2) << " |\n\n";
-    md << "The player library's audio thread is unnamed and shows as `vrax-host`, as do idle HTTP and Qt helper threads.\n\n";
+    for (const auto& [fastShare, name] : ranked)
+        if (fastShare >= 0.0005 || share(rtThreads, name) >= 0.0001 || share(idleThreads, name) >= 0.0001)
+            md << "| " << label(name) << " | " << num(fastShare, 2) << " | " << num(share(rtThreads, name), 2) << " | "
+               << num(share(idleThreads, name), 2) << " |\n";
+    md << "| whole process | " << num(fastCores.med(), 2) << " | " << num(playCpu.med(), 2) << " | "
+       << num(idleCpu.med(), 2) << " |\n\n"
+       << "From `/proc/PID/task/*/stat` (10 ms ticks) over the windows of figures 1 and 2.\n\n";
 
     md << "## Notes\n\n";
     auto threadShare = [&](const QString& name) {
@@ -914,22 +963,30 @@ int main(int argc, char** argv)
               "pipeline) paid per 16 KiB; the library offering bigger chunks (the transfer takes up to 128 KiB) "
               "would spread it. Even so, " << num(fastX.med()) << "× real time is far more than a device needs.\n";
     }
-    if (idleCpu.med() > 0.02)
-        md << "- **Paused, the host still uses " << num(100 * idleCpu.med(), 2) << "% of a core.** The module's main "
-              "loop re-arms a zero-time QTimer after every `run_once`, which waits up to 10 ms: about a hundred turns "
-              "a second while nothing plays. A loop that waits on the library's own wake-ups (or a longer timeout while "
-              "paused) would bring this near zero.\n";
+    const double idleMain = share(idleThreads, QStringLiteral("main"));
+    if (idleCpu.med() > 0.05)
+        md << "- **Paused, the host still uses " << num(100 * idleCpu.med(), 2) << "% of a core** ("
+           << num(100 * idleMain, 2) << "% on the main thread). ";
     else
-        md << "- Paused, the host uses " << num(100 * idleCpu.med(), 2) << "% of a core: the module's main loop turns "
-              "about a hundred times a second (`run_once` waits up to 10 ms, then a zero-time QTimer calls it again), "
-              "which is cheap but not free; a longer wait while paused would trim it.\n";
+        md << "- Paused, the host uses " << num(100 * idleCpu.med(), 2) << "% of a core, "
+           << num(100 * idleMain, 2) << "% on the main thread: the main loop does not spin, but it polls. ";
+    md << "The module calls the library's `run_once` from a zero-time QTimer, again after every turn, and "
+          "oplayer-ref's `run_once` waits at most 10 ms, so the main thread wakes about a hundred times a second "
+          "whether or not anything plays. A longer wait while paused, or turning the loop on the library's own "
+          "wake-ups instead of a timer, would bring this near zero.\n";
+    const double rtLibrary = share(rtThreads, QStringLiteral("vrax-host"));
+    const double rtMain = share(rtThreads, QStringLiteral("main"));
     if (playCpu.med() > 5 * rawCpu.med())
         md << "- Playing costs " << num(playCpu.med(), 2) << " CPU s per second of audio, "
-           << ratio(playCpu.med(), rawCpu.med()) << " the raw pair at the same byte rate. The raw pair wakes about "
-              "once per 128 KiB write (1.35 times a second); the module's path wakes per 16 KiB chunk on four threads "
-              "(library, transfer I/O, pipeline, and the main loop for track data and the play clock), and at realtime "
-              "pace the library also retries every 5 ms while the socket is full. Bigger chunks and a library wait "
-              "on writability instead of a 5 ms retry would cut the wake-ups.\n";
+           << ratio(playCpu.med(), rawCpu.med()) << " the raw pair at the same byte rate and "
+           << ratio(playCpu.med(), idleCpu.med()) << " the paused host: the library's thread "
+           << num(rtLibrary, 2) << ", the main thread " << num(rtMain, 2) << ", the transfer and the pipeline "
+           << num(share(rtThreads, QStringLiteral("orvelloAudioLoo")) + share(rtThreads, QStringLiteral("audioPipeline")), 2)
+           << " together. The raw pair wakes once per 128 KiB write (1.35 times a second). At realtime pace the "
+              "socket is full nearly all the time, so the library's data callback mostly accepts nothing and "
+              "oplayer-ref retries every 5 ms (200 wake-ups a second) until the pipeline has read a 16 KiB chunk "
+              "(about 11 a second); the main loop's hundred turns a second come on top. A library that waits to be "
+              "told the transfer can take more, instead of retrying on a timer, would remove most of it.\n";
     if (rtLatencyMedian.med() > 100000)
         md << "- At realtime pace a chunk waits " << num(rtLatencyMedian.med() / 1000) << " ms (median) between the data "
               "callback and the pipeline: that is the audio queued in the socket buffers (the transfer sets a 128 KiB "
@@ -958,14 +1015,18 @@ int main(int argc, char** argv)
         md << "- RSS is flat while playing: " << num(growthKiB) << " KiB from 10 s to 60 s, " << num(lateGrowthKiB)
            << " KiB of it after 35 s (a one-off step is the allocator settling, not growth).\n";
     if (underrunsPlaying > 0 || underrunsPaused > 0)
-        md << "- The pipeline counted " << underrunsPaused << " underrun(s) before the pauses ended and "
-           << underrunsPlaying << " while playing, over all realtime runs; on a loaded machine a thread can miss its "
-              "turn for longer than the buffered audio, which is worth a look when the count is not zero.\n";
+        md << "- **The pipeline counted " << underrunsPaused + underrunsPlaying << " underrun(s)** over the realtime "
+              "runs: audio arrived later than the sound card would have needed it. With about a second queued ahead "
+              "that takes a stall of about a second somewhere on the path; on a shared machine the cause can be "
+              "another process, but it is worth a trace (`vrax-host --trace`) when it repeats.\n";
+    else
+        md << "- No underruns in any realtime run.\n";
     md << "- The machine is shared (load average above); every figure and its baseline alternate run by run so both "
           "see the same load, but absolute numbers move with it.\n";
 
+    const std::string report = md.str();
     QFile out(results + QStringLiteral("/latest.md"));
-    if (!out.open(QIODevice::WriteOnly) || out.write(report.toUtf8()) < 0) {
+    if (!out.open(QIODevice::WriteOnly) || out.write(report.data(), qint64(report.size())) < 0) {
         std::fprintf(stderr, "bench_device: cannot write %s\n", qPrintable(out.fileName()));
         return 1;
     }
@@ -983,6 +1044,6 @@ int main(int argc, char** argv)
         for (const QPointF& p : swapWindow)
             s << p.x() << ' ' << p.y() << '\n';
     }
-    std::printf("\n%s", report.toUtf8().constData());
+    std::printf("\n%s", report.c_str());
     return 0;
 }
