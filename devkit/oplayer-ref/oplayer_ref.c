@@ -245,11 +245,15 @@ static void* audio_thread(void* arg)
         }
         pthread_mutex_unlock(&p->mutex);
         out = 0;
+        struct timespec called = {0, 0};
+        if (p->trace_fd >= 0)
+            now(&called);
         unsigned long taken = audio->data(audio, chunk + offset, length - offset, &out);
         if (taken > length - offset)
             taken = length - offset;
         if (taken > 0)
-            trace(p, "data", taken * sizeof(short), 0);
+            trace(p, "data", taken * sizeof(short),
+                  (unsigned long)called.tv_sec * 1000000000UL + (unsigned long)called.tv_nsec);
         pthread_mutex_lock(&p->mutex);
         if (taken == 0) {
             struct timespec until;
