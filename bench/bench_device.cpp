@@ -954,31 +954,38 @@ int main(int argc, char** argv)
         return found == threads.end() ? 0.0 : found->second.med();
     };
     if (fastX.med() < 0.5 * rawX.med()) {
+        const double libraryCores = threadShare(QStringLiteral("vrax-host"));
+        const double chunksPerSecond = fastX.med() * kBytesPerSecond / 16384;
+        const double libraryUsPerChunk = chunksPerSecond > 0 ? 1e6 * libraryCores / chunksPerSecond : std::nan("");
+        const double synthesisCap = libraryUsPerChunk > 0 ? 1e6 / libraryUsPerChunk * 16384 / kBytesPerSecond : std::nan("");
         md << "- **Throughput is " << num(100 * fastX.med() / rawX.med(), 2) << "% of the raw socket pair** ("
-           << num(fastX.med()) << "× against " << num(rawX.med()) << "× real time). The host used "
-           << num(fastCores.med(), 2) << " of " << cores << " cores: the library's audio thread (in `vrax-host` above) "
-           << num(threadShare(QStringLiteral("vrax-host")), 2) << ", the transfer's I/O thread "
+           << num(fastX.med()) << "× against " << num(rawX.med()) << "× real time), and it is the reference "
+              "library that sets it. The host used " << num(fastCores.med(), 2) << " of " << cores << " cores: the "
+              "library's audio thread (`vrax-host` above) " << num(libraryCores, 2) << ", the transfer's I/O thread "
            << num(threadShare(QStringLiteral("orvelloAudioLoo")), 2) << ", the pipeline "
            << num(threadShare(QStringLiteral("audioPipeline")), 2) << ", the main loop "
-           << num(threadShare(QStringLiteral("main")), 2) << ". In the traced runs the library spent "
-           << num(100 * retryShare.med(), 2) << "% of the streaming time in its 5 ms retry, which it takes whenever "
-              "the data callback accepts nothing; the module's callback accepts nothing while its previous chunk is "
-              "still being written, because the transfer keeps one chunk in flight and copies nothing. The rest of "
-              "the library thread's time is its own synthesis (a `sin()` and an `lrint()` per sample). Without the "
-              "library the transfer, smt2 and the pipeline move " << num(transferX.med()) << "× real time (1b), so the "
-              "module's path is not what limits figure 1: a library that retries sooner than 5 ms, or is told when a "
-              "send completes, would move figure 1 toward 1b. What keeps 1b under the raw pair is the per-message "
-              "cost (smt2 framing, a future completed on the I/O thread, a header read and a payload read in the "
-              "pipeline) paid per 16 KiB; the library offering bigger chunks (the transfer takes up to 128 KiB) "
-              "would spread it. Even so, " << num(fastX.med()) << "× real time is far more than a device needs.\n";
+           << num(threadShare(QStringLiteral("main")), 2) << ". That is " << num(libraryUsPerChunk)
+           << " µs of the library's thread per 16 KiB chunk, of which the data callback takes " << num(callbackUs.med())
+           << " µs; the rest is oplayer-ref computing a `sin()` and an `lrint()` per sample, which alone caps streaming "
+              "near " << num(synthesisCap) << "× real time on this machine (a wavetable instead of `sin()` per sample would "
+              "let figure 1 show the module's own limit). On top, the library waits 5 ms whenever the "
+              "data callback accepts nothing, which the module's does while its previous chunk is still being written "
+              "(the transfer keeps one chunk in flight and copies nothing): " << num(100 * retryShare.med(), 2)
+           << "% of the streaming time in the traced runs; how often depends on when the I/O thread gets a core, "
+              "which is why the runs range so widely on this shared two-core machine. Without the library the "
+              "transfer, smt2 and the pipeline move " << num(transferX.med()) << "× real time (1b). What keeps 1b "
+              "under the raw pair is the cost paid per 16 KiB message (smt2 framing, a future completed on the I/O "
+              "thread, a header read and a payload read in the pipeline); a library offering bigger chunks (the "
+              "transfer takes up to 128 KiB) would spread it. For a device none of this matters: "
+           << num(fastX.med()) << "× real time is far more than it needs.\n";
     }
     const double idleMain = share(idleThreads, QStringLiteral("main"));
     if (idleCpu.med() > 0.05)
-        md << "- **Paused, the host still uses " << num(100 * idleCpu.med(), 2) << "% of a core** ("
-           << num(100 * idleMain, 2) << "% on the main thread). ";
+        md << "- **Paused, the host still uses " << num(100 * idleCpu.med(), 2) << "% of a core** (the main thread "
+           << num(100 * idleMain, 2) << "%). ";
     else
-        md << "- Paused, the host uses " << num(100 * idleCpu.med(), 2) << "% of a core, "
-           << num(100 * idleMain, 2) << "% on the main thread: the main loop does not spin, but it polls. ";
+        md << "- Paused, the host uses " << num(100 * idleCpu.med(), 2) << "% of a core (the main thread "
+           << num(100 * idleMain, 2) << "%): the main loop does not spin, but it polls. ";
     md << "The module calls the library's `run_once` from a zero-time QTimer, again after every turn, and "
           "oplayer-ref's `run_once` waits at most 10 ms, so the main thread wakes about a hundred times a second "
           "whether or not anything plays. A longer wait while paused, or turning the loop on the library's own "
@@ -994,8 +1001,10 @@ int main(int argc, char** argv)
            << " together. The raw pair wakes once per 128 KiB write (1.35 times a second). At realtime pace the "
               "socket is full nearly all the time, so the library's data callback mostly accepts nothing and "
               "oplayer-ref retries every 5 ms (200 wake-ups a second) until the pipeline has read a 16 KiB chunk "
-              "(about 11 a second); the main loop's hundred turns a second come on top. A library that waits to be "
-              "told the transfer can take more, instead of retrying on a timer, would remove most of it.\n";
+              "(about 11 a second); the main loop's hundred turns a second come on top. The library is never told "
+              "when the transfer can take more, so it polls; a data callback that waited a few milliseconds for the "
+              "pending send instead of returning nothing at once would replace most of those wake-ups, at the price "
+              "of holding the library's thread, and a longer `run_once` wait would trim the main loop's.\n";
     md << "- The data callback (the play logic's lambda and `processData`) returns in " << num(callbackUs.med())
        << " µs (median) when it accepts a chunk: it only starts an asynchronous send, so the library is not held "
           "while the bytes travel.\n";
