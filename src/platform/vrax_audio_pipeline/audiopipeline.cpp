@@ -323,6 +323,19 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         w.u32(std::uint32_t(accepted ? smt2::ErrorID::Success : smt2::ErrorID::HandshakeFailed));
         w.string(reason);
         smt2::wire::writeHeader(s.reply.data(), std::uint32_t(s.reply.size() - smt2::wire::HeaderSize), HelloReply);
+        // The counters change before the reply goes out, so a sender that has its answer sees them.
+        if (accepted) {
+            s.handshakeDone = true;
+            count([](AudioPipelineCounters& c) {
+                ++c.connections;
+                c.senderConnected = true;
+            });
+            LOG4CPLUS_INFO(logger, "Sender connected on " << path);
+        } else {
+            LOG4CPLUS_INFO(logger, "Refusing sender: " << reason);
+            count([](AudioPipelineCounters& c) { ++c.refusedHandshakes; });
+            s.refused = true;
+        }
         auto sp = session;
         asio::async_write(s.socket, asio::buffer(s.reply),
                           [self = shared_from_this(), w = std::weak_ptr<Session>(sp), accepted, reason](const std::error_code& ec, std::size_t) {
@@ -334,19 +347,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                               else if (ec)
                                   self->drop(ec.message());
                           });
-        if (!accepted) {
-            LOG4CPLUS_INFO(logger, "Refusing sender: " << reason);
-            count([](AudioPipelineCounters& c) { ++c.refusedHandshakes; });
-            s.refused = true;
-            return true;
-        }
-        s.handshakeDone = true;
-        count([](AudioPipelineCounters& c) {
-            ++c.connections;
-            c.senderConnected = true;
-        });
-        LOG4CPLUS_INFO(logger, "Sender connected on " << path);
-        if (hooks.senderConnected)
+        if (accepted && hooks.senderConnected)
             hooks.senderConnected();
         return true;
     }
