@@ -961,12 +961,13 @@ int main(int argc, char** argv)
         md << "- **Throughput is " << num(100 * fastX.med() / rawX.med(), 2) << "% of the raw socket pair** ("
            << num(fastX.med()) << "× against " << num(rawX.med()) << "× real time), and it is the reference "
               "library that sets it. The host used " << num(fastCores.med(), 2) << " of " << cores << " cores: the "
-              "library's audio thread (`vrax-host` above) " << num(libraryCores, 2) << ", the transfer's I/O thread "
+              "library's audio thread (the unnamed one above) " << num(libraryCores, 2) << ", the transfer's I/O thread "
            << num(threadShare(QStringLiteral("orvelloAudioLoo")), 2) << ", the pipeline "
            << num(threadShare(QStringLiteral("audioPipeline")), 2) << ", the main loop "
            << num(threadShare(QStringLiteral("main")), 2) << ". That is " << num(libraryUsPerChunk)
            << " µs of the library's thread per 16 KiB chunk, of which the data callback takes " << num(callbackUs.med())
-           << " µs; the rest is oplayer-ref computing a `sin()` and an `lrint()` per sample, which alone caps streaming "
+           << " µs; nearly all the rest is oplayer-ref computing a `sin()` and an `lrint()` per sample, which alone caps "
+              "streaming "
               "near " << num(synthesisCap) << "× real time on this machine (a wavetable instead of `sin()` per sample would "
               "let figure 1 show the module's own limit). On top, the library waits 5 ms whenever the "
               "data callback accepts nothing, which the module's does while its previous chunk is still being written "
@@ -1010,8 +1011,8 @@ int main(int argc, char** argv)
           "while the bytes travel.\n";
     if (rtLatencyMedian.med() > 100000)
         md << "- At realtime pace a chunk waits " << num(rtLatencyMedian.med() / 1000) << " ms (median) between the data "
-              "callback and the pipeline: that is the audio queued in the socket buffers (the transfer sets a 128 KiB "
-              "send buffer; the receive side has the kernel's default) plus the pipeline's 100 ms lead. It is how far "
+              "callback and the pipeline: that is the audio queued in the socket (the transfer asks for a 128 KiB send "
+              "buffer, which the kernel doubles: about 1.5 s of audio) plus the pipeline's 100 ms lead. It is how far "
               "ahead of the speaker the library runs; it is also why the swap is not heard (below). A smaller socket "
               "buffer would shorten it at the price of that cushion.\n";
     if (swapGap.med() > 50)
@@ -1034,7 +1035,7 @@ int main(int argc, char** argv)
            << "Something allocates per chunk or per second and keeps it; a heap profile of a long run would find it.\n";
     else
         md << "- RSS is flat while playing: " << num(growthKiB) << " KiB from 10 s to 60 s, " << num(lateGrowthKiB)
-           << " KiB of it after 35 s (a one-off step is the allocator settling, not growth).\n";
+           << " KiB of it after 35 s: a single step early on, then nothing.\n";
     if (underrunsPlaying > 0 || underrunsPaused > 0)
         md << "- **The pipeline counted " << underrunsPaused + underrunsPlaying << " underrun(s)** over the realtime "
               "runs: audio arrived later than the sound card would have needed it. With about a second queued ahead "
