@@ -967,14 +967,15 @@ int main(int argc, char** argv)
            << num(threadShare(QStringLiteral("main")), 2) << ". That is " << num(libraryUsPerChunk)
            << " µs of the library's thread per 16 KiB chunk, of which the data callback takes " << num(callbackUs.med())
            << " µs; nearly all the rest is oplayer-ref computing a `sin()` and an `lrint()` per sample, which alone caps "
-              "streaming "
-              "near " << num(synthesisCap) << "× real time on this machine (a wavetable instead of `sin()` per sample would "
-              "let figure 1 show the module's own limit). On top, the library waits 5 ms whenever the "
-              "data callback accepts nothing, which the module's does while its previous chunk is still being written "
-              "(the transfer keeps one chunk in flight and copies nothing): " << num(100 * retryShare.med(), 2)
-           << "% of the streaming time in the traced runs; how often depends on when the I/O thread gets a core, "
-              "which is why the runs range so widely on this shared two-core machine. Without the library the "
-              "transfer, smt2 and the pipeline move " << num(transferX.med()) << "× real time (1b). What keeps 1b "
+              "streaming near " << num(synthesisCap) << "× real time on this machine (a wavetable instead of `sin()` "
+              "per sample would let figure 1 show the module's own limit). On top, the library waits 5 ms whenever "
+              "the data callback accepts nothing, which the module's does while its previous chunk is still being "
+              "written (the transfer keeps one chunk in flight and copies nothing): " << num(100 * retryShare.med(), 2)
+           << "% of the streaming time in the traced runs; how often depends on when the I/O thread gets a core"
+           << (fastX.hi() > 1.5 * fastX.lo() ? ", which is why the runs range so widely on this shared two-core machine"
+                                             : "")
+           << ". Without the library the transfer, smt2 and the pipeline move " << num(transferX.med())
+           << "× real time (1b). What keeps 1b "
               "under the raw pair is the cost paid per 16 KiB message (smt2 framing, a future completed on the I/O "
               "thread, a header read and a payload read in the pipeline); a library offering bigger chunks (the "
               "transfer takes up to 128 KiB) would spread it. For a device none of this matters: "
