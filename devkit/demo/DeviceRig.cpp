@@ -115,9 +115,10 @@ bool DeviceRig::startHost(const QVariantHash& settings, const QString& audioOut,
     m_hostLog.clear();
     m_partialLine.clear();
     QObject::connect(m_host.get(), &QProcess::readyReadStandardError, [this] { readHostLog(); });
-    m_host->start(m_paths.host, {QStringLiteral("--module"), m_paths.module, QStringLiteral("--data-dir"), dataDir(),
-                                 QStringLiteral("--settings"), settingsFile, QStringLiteral("--control-port"),
-                                 QStringLiteral("0"), QStringLiteral("--audio-out"), audioOut, QStringLiteral("--pace"), pace});
+    const QStringList arguments{QStringLiteral("--module"), m_paths.module, QStringLiteral("--data-dir"), dataDir(),
+                                QStringLiteral("--settings"), settingsFile, QStringLiteral("--control-port"),
+                                QStringLiteral("0"), QStringLiteral("--audio-out"), audioOut, QStringLiteral("--pace"), pace};
+    m_host->start(m_paths.host, arguments + m_extraHostArguments);
     m_controlPort = readListeningPort(m_host.get(), QStringLiteral("control API listening on"), error);
     if (m_controlPort == 0) {
         readHostLog();
@@ -131,6 +132,11 @@ bool DeviceRig::startHost(const QVariantHash& settings, const QString& audioOut,
 bool DeviceRig::hostRunning() const
 {
     return m_host && m_host->state() != QProcess::NotRunning;
+}
+
+qint64 DeviceRig::hostPid() const
+{
+    return hostRunning() ? m_host->processId() : 0;
 }
 
 int DeviceRig::stopHost()

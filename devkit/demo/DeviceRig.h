@@ -48,9 +48,13 @@ public:
     // environment of the host (the reference library reads its own variables).
     bool startHost(const QVariantHash& settings, const QString& audioOut, const QString& pace,
                    const QStringList& env, QString* error);
+    // Command-line arguments added to those of the next startHost (for example --trace FILE).
+    void setExtraHostArguments(const QStringList& arguments) { m_extraHostArguments = arguments; }
     // SIGTERM and wait; the host's exit code, or -1 when it did not end in time or crashed.
     int stopHost();
     bool hostRunning() const;
+    // The running host's process id, 0 when there is none.
+    qint64 hostPid() const;
     // Log lines the host has written so far (its standard error).
     QStringList hostLog();
     // True when the host's log has a line containing text (waits up to timeoutMs).
@@ -71,6 +75,7 @@ private:
     std::unique_ptr<QProcess> m_host;
     int m_servicePort = 0;
     int m_controlPort = 0;
+    QStringList m_extraHostArguments;
     QStringList m_hostLog;
     QByteArray m_partialLine;
 };

@@ -12,12 +12,14 @@
 #include "station.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <math.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #ifndef OPLAYER_REF_VERSION
 #error "OPLAYER_REF_VERSION must be set by the build"
@@ -46,6 +48,7 @@ struct oplayer {
     int rate;
     void (*save_token)(const char* token);
     ref_station station;
+    int trace_fd; /* OPLAYER_REF_TRACE, or -1 */
 
     pthread_mutex_t mutex;
     pthread_cond_t cond; /* every state change is broadcast on it */
@@ -100,6 +103,21 @@ static void add_ns(struct timespec* ts, long ns)
 static int before(const struct timespec* a, const struct timespec* b)
 {
     return a->tv_sec < b->tv_sec || (a->tv_sec == b->tv_sec && a->tv_nsec < b->tv_nsec);
+}
+
+/* One line per write() on an O_APPEND descriptor, so lines of other writers never mix in. */
+static void trace(const oplayer* p, const char* event, unsigned long a, unsigned long b)
+{
+    struct timespec t;
+    char line[128];
+    int n;
+    if (p->trace_fd < 0)
+        return;
+    now(&t);
+    n = snprintf(line, sizeof(line), "%lld %s %lu %lu %s\n", (long long)t.tv_sec * 1000000000LL + t.tv_nsec, event, a, b,
+                 OPLAYER_REF_VERSION);
+    if (n > 0 && n < (int)sizeof(line) && write(p->trace_fd, line, (size_t)n) != n)
+        fprintf(stderr, "oplayer-ref: trace line not written\n");
 }
 
 static char* dup_string(const char* s)
@@ -160,6 +178,7 @@ static void* audio_thread(void* arg)
         if ((p->loop_ended || p->quit) && p->started && !p->shutdown_done) {
             p->shutdown_done = 1;
             pthread_mutex_unlock(&p->mutex);
+            trace(p, "shutdown", 0, 0);
             audio->shutdown(audio);
             pthread_mutex_lock(&p->mutex);
             continue;
@@ -172,6 +191,7 @@ static void* audio_thread(void* arg)
             p->pause_to_announce = -1;
             p->new_data = 1;
             pthread_mutex_unlock(&p->mutex);
+            trace(p, "init", (unsigned long)p->channels, (unsigned long)p->rate);
             audio->init(audio, p->channels, p->rate);
             audio->pause_changed(audio, 0);
             pthread_mutex_lock(&p->mutex);
@@ -225,10 +245,16 @@ static void* audio_thread(void* arg)
         }
         pthread_mutex_unlock(&p->mutex);
         out = 0;
+        struct timespec called = {0, 0};
+        if (p->trace_fd >= 0)
+            now(&called);
         unsigned long taken = audio->data(audio, chunk + offset, length - offset, &out);
-        pthread_mutex_lock(&p->mutex);
         if (taken > length - offset)
             taken = length - offset;
+        if (taken > 0)
+            trace(p, "data", taken * sizeof(short),
+                  (unsigned long)called.tv_sec * 1000000000UL + (unsigned long)called.tv_nsec);
+        pthread_mutex_lock(&p->mutex);
         if (taken == 0) {
             struct timespec until;
             now(&until);
@@ -252,6 +278,8 @@ static void* audio_thread(void* arg)
 
 static void free_instance(oplayer* p)
 {
+    if (p->trace_fd >= 0)
+        close(p->trace_fd);
     ref_station_free(&p->station);
     free(p->pairing_code);
     pthread_cond_destroy(&p->cond);
@@ -265,6 +293,7 @@ static int ref_create(oplayer_create_params params, oplayer** player)
     pthread_condattr_t attr;
     char token[TOKEN_MAX + 1];
     char error[256];
+    const char* trace_path;
     int result;
 
     if (!player)
@@ -294,6 +323,7 @@ static int ref_create(oplayer_create_params params, oplayer** player)
     p->pause_to_announce = -1;
     p->volume = 80;
     p->volume_to_announce = -1;
+    p->trace_fd = -1;
     pthread_mutex_init(&p->mutex, NULL);
     pthread_condattr_init(&attr);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
@@ -307,6 +337,16 @@ static int ref_create(oplayer_create_params params, oplayer** player)
         return result == ENOMEM ? REF_ERR_NO_MEMORY : REF_ERR_ENVIRONMENT;
     }
     p->new_data = 1;
+
+    trace_path = getenv("OPLAYER_REF_TRACE");
+    if (trace_path && trace_path[0]) {
+        p->trace_fd = open(trace_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (p->trace_fd < 0) {
+            fprintf(stderr, "oplayer-ref: OPLAYER_REF_TRACE: cannot open %s: %s\n", trace_path, strerror(errno));
+            free_instance(p);
+            return REF_ERR_ENVIRONMENT;
+        }
+    }
 
     memset(token, 0, sizeof(token));
     if (params.load_token)

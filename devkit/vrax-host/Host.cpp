@@ -9,11 +9,26 @@
 #include "vrax_audio_pipeline/audiopipeline.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include <chrono>
+
 namespace {
+
+// Appends "<CLOCK_MONOTONIC ns> event" to the trace file the pipeline also writes (see --trace).
+bool traceEvent(const QString& file, const char* event)
+{
+    QFile trace(file);
+    if (!trace.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
+        return false;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const QByteArray line = QByteArray::number(qint64(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()))
+                            + ' ' + event + '\n';
+    return trace.write(line) == line.size();
+}
 
 QJsonValue jsonOf(const QVariant& value)
 {
@@ -98,6 +113,13 @@ bool Host::start(QString* error)
     }
     m_player = std::make_unique<vrax::DevicePlayer>(
         sinkSpec, m_options.pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast : vrax::AudioPace::Realtime);
+    if (!m_options.traceFile.isEmpty()) {
+        if (!traceEvent(m_options.traceFile, "host_start")) {
+            *error = QStringLiteral("cannot write the trace file %1").arg(m_options.traceFile);
+            return false;
+        }
+        m_player->setPipelineTrace(m_options.traceFile.toStdString());
+    }
 
     addRoutes();
     if (!m_api.listen(m_options.controlPort, error))
@@ -117,6 +139,8 @@ bool Host::start(QString* error)
         return false;
     }
     const QVariantHash config;
+    if (!m_options.traceFile.isEmpty())
+        traceEvent(m_options.traceFile, "worker_create");
     m_worker = create(nullptr, &config);
     return true;
 }

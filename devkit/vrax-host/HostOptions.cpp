@@ -7,7 +7,8 @@ QString HostOptions::usage()
 {
     return QStringLiteral(
         "usage: vrax-host --module PATH --data-dir DIR [--settings FILE] [--control-port N]\n"
-        "                 [--audio-out wav:FILE|null|alsa[:DEVICE]] [--pace realtime|fast] [--log-config FILE]\n");
+        "                 [--audio-out wav:FILE|null|alsa[:DEVICE]] [--pace realtime|fast] [--log-config FILE]\n"
+        "                 [--trace FILE]\n");
 }
 
 bool HostOptions::parse(const QStringList& arguments, HostOptions* options, QString* error)
@@ -21,7 +22,8 @@ bool HostOptions::parse(const QStringList& arguments, HostOptions* options, QStr
     const QCommandLineOption audioOut(QStringLiteral("audio-out"), QString(), QStringLiteral("OUT"));
     const QCommandLineOption pace(QStringLiteral("pace"), QString(), QStringLiteral("PACE"));
     const QCommandLineOption logConfig(QStringLiteral("log-config"), QString(), QStringLiteral("FILE"));
-    parser.addOptions({module, dataDir, settings, port, audioOut, pace, logConfig});
+    const QCommandLineOption trace(QStringLiteral("trace"), QString(), QStringLiteral("FILE"));
+    parser.addOptions({module, dataDir, settings, port, audioOut, pace, logConfig, trace});
     if (!parser.parse(arguments)) {
         *error = parser.errorText();
         return false;
@@ -39,6 +41,7 @@ bool HostOptions::parse(const QStringList& arguments, HostOptions* options, QStr
     }
     result.settingsFile = parser.value(settings);
     result.logConfig = parser.value(logConfig);
+    result.traceFile = parser.value(trace);
     if (parser.isSet(port)) {
         bool ok = false;
         result.controlPort = parser.value(port).toInt(&ok);
@@ -74,7 +77,7 @@ bool HostOptions::parse(const QStringList& arguments, HostOptions* options, QStr
         }
     }
     // Paths are taken relative to where the host was started, before it moves into its data directory.
-    for (QString* path : {&result.modulePath, &result.settingsFile, &result.logConfig})
+    for (QString* path : {&result.modulePath, &result.settingsFile, &result.logConfig, &result.traceFile})
         if (!path->isEmpty())
             *path = QFileInfo(*path).absoluteFilePath();
     if (result.audioOut == AudioOut::Wav)

@@ -17,6 +17,7 @@ struct HostOptions
     QString audioTarget;         // WAV file or ALSA device
     Pace pace = Pace::Realtime;
     QString logConfig;
+    QString traceFile;           // empty: no trace
 
     // Parses the arguments (argv[0] first); false with a message for the user on error.
     static bool parse(const QStringList& arguments, HostOptions* options, QString* error);

@@ -199,6 +199,57 @@ private slots:
         QVERIFY(client.send(tenthSecond));
         WAIT_VERIFY(pipeline.counters().bytes == 6400);
         QCOMPARE(pipeline.counters().underruns, quint64(1));
+        // Nor is a pause: the read already under way completes, then reading stops until resumed.
+        pipeline.setReadingPaused(true);
+        QVERIFY(client.send(tenthSecond));
+        WAIT_VERIFY(pipeline.counters().bytes == 8000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        pipeline.setReadingPaused(false);
+        QVERIFY(client.send(tenthSecond));
+        WAIT_VERIFY(pipeline.counters().bytes == 9600);
+        QCOMPARE(pipeline.counters().underruns, quint64(1));
+    }
+
+    // The benchmarks read this file: events in order, byte totals, and at fast pace the time
+    // audio will have been played is its arrival.
+    void traceFile()
+    {
+        const std::string trace = m_dir.filePath("trace.txt").toStdString();
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        pipeline.setTraceFile(trace);
+        QVERIFY(pipeline.start());
+        {
+            Client client(socket());
+            QVERIFY(client.connect());
+            client.format(44100, 2);
+            QVERIFY(client.send(QByteArray(4000, 'a')));
+            QVERIFY(client.send(QByteArray(1000, 'b')));
+            client.sender.endCurrentAudioSequence();
+        }
+        WAIT_VERIFY(!pipeline.counters().senderConnected);
+        pipeline.stop();
+        QFile file(QString::fromStdString(trace));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QStringList events;
+        qint64 last = 0;
+        for (const QByteArray& line : file.readAll().split('\n')) {
+            if (line.isEmpty())
+                continue;
+            const QList<QByteArray> fields = line.split(' ');
+            QVERIFY(fields.first().toLongLong() >= last);
+            last = fields.first().toLongLong();
+            if (fields.at(1) == "audio")
+                QCOMPARE(fields.at(4), fields.first());
+            events << QString::fromLatin1(line.mid(line.indexOf(' ') + 1)).section(' ', 0, fields.at(1) == "audio" ? 2 : -1);
+        }
+        QCOMPARE(events, QStringList({"connected", "sequence 44100 2", "audio 4000 4000", "audio 1000 5000", "end",
+                                      "disconnected"}));
+
+        vrax::AudioPipeline unwritable(socket(), vrax::makeNullSink());
+        unwritable.setTraceFile(m_dir.filePath("missing/trace.txt").toStdString());
+        std::string error;
+        QVERIFY(!unwritable.start(&error));
+        QVERIFY(QString::fromStdString(error).startsWith("Can not open the trace file"));
     }
 
     void sinkOutputs_data()

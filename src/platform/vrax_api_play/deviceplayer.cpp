@@ -106,6 +106,8 @@ bool DevicePlayer::ensurePipeline(const std::string& socketPath, QString* error)
             return false;
         }
         m_pipeline = std::make_unique<AudioPipeline>(socketPath, std::move(sink), m_pace);
+        if (!m_traceFile.empty())
+            m_pipeline->setTraceFile(m_traceFile);
         // The hooks run on the pipeline's thread, which is joined before this player goes; what
         // they post is dropped by Qt if the player is gone by the time it would run.
         AudioPipelineHooks hooks;

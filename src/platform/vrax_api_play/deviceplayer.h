@@ -38,6 +38,8 @@ public:
     PlayLogicBase* current() const { return m_current.data(); }
     // The pipeline of the last stream opened, or null.
     AudioPipeline* pipeline() const { return m_pipeline.get(); }
+    // The trace file of the pipelines opened from now on (AudioPipeline::setTraceFile).
+    void setPipelineTrace(const std::string& path) { m_traceFile = path; }
     // Plays the last roles again, or resumes a paused playback.
     CMVoidReply resume();
 
@@ -59,6 +61,7 @@ private:
 
     std::string m_sinkSpec;
     AudioPace m_pace;
+    std::string m_traceFile;
     std::unique_ptr<AudioPipeline> m_pipeline;
     QPointer<PlayLogicBase> m_current;
     VraxRoles m_lastRoles;

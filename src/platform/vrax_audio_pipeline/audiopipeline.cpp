@@ -12,9 +12,15 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -58,6 +64,8 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
     AudioPace pace = AudioPace::Fast;
     AudioPipelineHooks hooks;
     std::set<std::uint16_t> refusedVersions;
+    std::string tracePath;
+    int traceFd = -1;
 
     std::unique_ptr<miscUtils::IOEventLoopThread> loopThread;
     std::atomic<bool> paused{false};
@@ -69,6 +77,29 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
     std::unique_ptr<asio::local::stream_protocol::acceptor> acceptor;
     std::shared_ptr<Session> session;
     audioUtils::PcmAudioInfo format;
+
+    // One write() per line on an O_APPEND descriptor, so other writers of the file never split it.
+    [[gnu::format(printf, 3, 4)]] void trace(Clock::time_point at, const char* format, ...)
+    {
+        if (traceFd < 0)
+            return;
+        char line[160];
+        int n = std::snprintf(line, sizeof line, "%lld ", nanoseconds(at));
+        va_list args;
+        va_start(args, format);
+        n += std::vsnprintf(line + n, sizeof line - std::size_t(n), format, args);
+        va_end(args);
+        if (n >= int(sizeof line) - 1)
+            n = int(sizeof line) - 2;
+        line[n++] = '\n';
+        if (::write(traceFd, line, std::size_t(n)) != n)
+            LOG4CPLUS_WARN(logger, "Trace line not written to " << tracePath);
+    }
+
+    static long long nanoseconds(Clock::time_point at)
+    {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(at.time_since_epoch()).count();
+    }
 
     template <typename F>
     void count(F&& change)
@@ -134,7 +165,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                              }
                              std::optional<Clock::time_point> due;
                              std::string error;
-                             if (!self->handle(*s, type, &due, &error)) {
+                             if (!self->handle(*s, type, Clock::now(), &due, &error)) {
                                  self->drop(error);
                                  return;
                              }
@@ -154,14 +185,18 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
     }
 
     // One message; false with a reason when the sender must be dropped.
-    bool handle(Session& s, std::uint16_t type, std::optional<Clock::time_point>* due, std::string* error)
+    bool handle(Session& s, std::uint16_t type, Clock::time_point arrived, std::optional<Clock::time_point>* due,
+                std::string* error)
     {
         if (!s.handshakeDone) {
             if (type != Hello) {
                 *error = "message of type " + std::to_string(type) + " before the handshake";
                 return false;
             }
-            return handshake(s, error);
+            const bool ok = handshake(s, error);
+            if (s.handshakeDone)
+                trace(arrived, "connected");
+            return ok;
         }
         smt2::wire::Reader r(s.payload.data(), s.payload.size());
         switch (type) {
@@ -184,6 +219,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                 ++c.sequences;
                 c.format = pcm;
             });
+            trace(arrived, "sequence %d %d", pcm.sampleRate(), pcm.channels());
             LOG4CPLUS_DEBUG(logger, "Sequence: " << pcm.sampleRate() << " Hz, " << pcm.channels() << " channels, "
                                                  << audioUtils::toString(pcm.format()));
             if (hooks.sequenceStarted)
@@ -204,16 +240,21 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
             if (!sink->write(data, size, error))
                 return false;
             const bool underrun = pace == AudioPace::Realtime && !sink->pacesItself() && pacing(s, size, due);
+            std::uint64_t total = 0;
             count([&](AudioPipelineCounters& c) {
                 c.bytes += size;
                 if (underrun)
                     ++c.underruns;
+                total = c.bytes;
             });
+            trace(arrived, "audio %zu %llu %lld", size, static_cast<unsigned long long>(total),
+                  nanoseconds(*due ? **due + kRealtimeLead : arrived));
             if (hooks.audioArrived)
                 hooks.audioArrived(data, size);
             return true;
         }
         case Flush:
+            trace(arrived, "flush");
             sink->flush();
             s.clockStart.reset();
             count([](AudioPipelineCounters& c) { ++c.flushes; });
@@ -221,6 +262,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                 hooks.flushed();
             return true;
         case EndOfSequence:
+            trace(arrived, "end");
             if (s.sequenceOpen)
                 endSequence(s);
             return true;
@@ -281,23 +323,20 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         w.u32(std::uint32_t(accepted ? smt2::ErrorID::Success : smt2::ErrorID::HandshakeFailed));
         w.string(reason);
         smt2::wire::writeHeader(s.reply.data(), std::uint32_t(s.reply.size() - smt2::wire::HeaderSize), HelloReply);
-        auto sp = session;
-        if (!accepted) {
-            LOG4CPLUS_INFO(logger, "Refusing sender: " << reason);
-            count([](AudioPipelineCounters& c) { ++c.refusedHandshakes; });
-            s.refused = true;
-        } else {
+        // The counters change before the reply goes out, so a sender that has its answer sees them.
+        if (accepted) {
             s.handshakeDone = true;
             count([](AudioPipelineCounters& c) {
                 ++c.connections;
                 c.senderConnected = true;
             });
             LOG4CPLUS_INFO(logger, "Sender connected on " << path);
-            if (hooks.senderConnected)
-                hooks.senderConnected();
+        } else {
+            LOG4CPLUS_INFO(logger, "Refusing sender: " << reason);
+            count([](AudioPipelineCounters& c) { ++c.refusedHandshakes; });
+            s.refused = true;
         }
-        // Counted before the answer goes out (asio may write it at once): a sender that sees
-        // the handshake done finds the pipeline's counters already saying so.
+        auto sp = session;
         asio::async_write(s.socket, asio::buffer(s.reply),
                           [self = shared_from_this(), w = std::weak_ptr<Session>(sp), accepted, reason](const std::error_code& ec, std::size_t) {
                               auto s = w.lock();
@@ -308,6 +347,8 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                               else if (ec)
                                   self->drop(ec.message());
                           });
+        if (accepted && hooks.senderConnected)
+            hooks.senderConnected();
         return true;
     }
 
@@ -323,6 +364,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         if (s->sequenceOpen)
             endSequence(*s);
         if (s->handshakeDone) {
+            trace(Clock::now(), "disconnected");
             LOG4CPLUS_INFO(logger, "Sender disconnected: " << reason);
             count([](AudioPipelineCounters& c) { c.senderConnected = false; });
             if (hooks.senderDisconnected)
@@ -357,6 +399,11 @@ void AudioPipeline::refuseProtocolVersion(std::uint16_t version)
     d->refusedVersions.insert(version);
 }
 
+void AudioPipeline::setTraceFile(std::string path)
+{
+    d->tracePath = std::move(path);
+}
+
 bool AudioPipeline::start(std::string* error)
 {
     std::string ignoredError;
@@ -375,6 +422,13 @@ bool AudioPipeline::start(std::string* error)
             return false;
         }
         ::unlink(d->path.c_str());
+    }
+    if (!d->tracePath.empty()) {
+        d->traceFd = ::open(d->tracePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (d->traceFd < 0) {
+            err = "Can not open the trace file " + d->tracePath + ": " + std::strerror(errno);
+            return false;
+        }
     }
     d->loopThread = std::make_unique<miscUtils::IOEventLoopThread>(1000, "audioPipeline");
     bool ok = false;
@@ -397,6 +451,7 @@ bool AudioPipeline::start(std::string* error)
     });
     if (!ok) {
         d->loopThread.reset();
+        closeTrace();
         return false;
     }
     LOG4CPLUS_INFO(logger, "Audio pipeline listening on " << d->path << " (" << toString(d->pace) << ")");
@@ -417,6 +472,14 @@ void AudioPipeline::stop()
     });
     d->loopThread.reset();
     ::unlink(d->path.c_str());
+    closeTrace();
+}
+
+void AudioPipeline::closeTrace()
+{
+    if (d->traceFd >= 0)
+        ::close(d->traceFd);
+    d->traceFd = -1;
 }
 
 bool AudioPipeline::isListening() const
@@ -432,6 +495,8 @@ void AudioPipeline::setReadingPaused(bool paused)
             auto p = w.lock();
             if (p && p->session && p->session->waitingForResume) {
                 p->session->waitingForResume = false;
+                // A paused sound card's clock stops too: what follows the pause is no underrun.
+                p->session->clockStart.reset();
                 p->readHeader(p->session);
             }
         });

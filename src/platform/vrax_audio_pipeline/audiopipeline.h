@@ -55,6 +55,13 @@ public:
     // Before start(): hooks, and protocol versions to refuse (for tests of refused handshakes).
     void setHooks(AudioPipelineHooks hooks);
     void refuseProtocolVersion(std::uint16_t version);
+    // Before start(): appends one line per received message to path, for measurements made
+    // outside the process: "<CLOCK_MONOTONIC ns> <event>", the events being
+    //   connected | sequence RATE CHANNELS | audio BYTES TOTAL_BYTES PLAYED_UNTIL_NS | flush |
+    //   end | disconnected
+    // PLAYED_UNTIL_NS is when the audio received so far will have been played: the pacing clock
+    // in realtime pace, the arrival time otherwise. start() fails when the file cannot be opened.
+    void setTraceFile(std::string path);
 
     // Listens; returns once a sender can connect. Creates the socket's directory and replaces
     // a stale socket file; anything else at the path is an error. False with the reason in error.
@@ -75,6 +82,8 @@ public:
     static bool parsePace(const std::string& text, AudioPace* pace);
 
 private:
+    void closeTrace();
+
     struct Private;
     std::shared_ptr<Private> d;
 };

@@ -44,7 +44,8 @@ struct Sender::Private : std::enable_shared_from_this<Private>
 
     // Loop thread only.
     unsigned generation = 0;
-    std::optional<Promise<ErrorID>> connecting;
+    // Not std::optional: GCC 12 at -O3 falsely warns that a moved-out optional Promise is uninitialized.
+    std::unique_ptr<Promise<ErrorID>> connecting;
     std::optional<Outgoing> current;
     bool writing = false;
     std::vector<std::uint8_t> incoming;
@@ -70,7 +71,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
             return;
         }
         const unsigned gen = ++generation;
-        connecting = promise;
+        connecting = std::make_unique<Promise<ErrorID>>(promise);
         setState(Connecting);
         if (gen != generation)
             return;
@@ -178,7 +179,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
         writing = false;
         incoming.clear();
         sequenceOpen = false;
-        std::optional<Promise<ErrorID>> promise = std::move(connecting);
+        std::unique_ptr<Promise<ErrorID>> promise = std::move(connecting);
         connecting.reset();
         std::optional<Outgoing> inFlight = std::move(current);
         current.reset();

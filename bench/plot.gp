@@ -1,0 +1,26 @@
+# The report's picture: RSS of vrax-host while playing (it must stay flat) and what the pipeline
+# read around the update swap. ./dev bench runs it as
+#   gnuplot -e "work='DIR'; out='FILE.png'" bench/plot.gp
+# with DIR holding bench_device's rss.dat and swap.dat.
+set terminal pngcairo size 1200,450 noenhanced
+set output out
+set multiplot layout 1,2
+set grid
+set key bottom right
+
+set title "vrax-host RSS, 60 s of playing at realtime pace"
+set xlabel "seconds of playing"
+set ylabel "MiB"
+set yrange [0:*]
+plot work."/rss.dat" using 1:2 with linespoints pt 7 ps 0.5 title "RSS playing", \
+     work."/rss.dat" using 1:3 with lines dt 2 title "peak after 20 s paused"
+
+set title "Pipeline input around the update swap, fast pace\n(the flat steps are the library's 5 ms retries)"
+set xlabel "ms from the old library's last audio read"
+set ylabel "MB read"
+set yrange [*:*]
+set arrow 1 from 0, graph 0 to 0, graph 1 nohead dt 3 lc rgb "red"
+set label 1 "swap 1.0.0 -> 1.1.0" at 0, graph 0.95 offset 0.5,0 tc rgb "red"
+plot work."/swap.dat" using 1:2 with steps title "bytes read", \
+     work."/swap.dat" using 1:2 with points pt 7 ps 0.4 notitle
+unset multiplot
