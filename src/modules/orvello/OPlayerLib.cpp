@@ -6,6 +6,7 @@
 
 #include "model/cmerror.h"
 #include "model/cmworker.h"
+#include "vrax/vraxorvelloversioninfo.h"
 #include "vrax/vraxpaths.h"
 #include "vrax/vraxvalue.h"
 

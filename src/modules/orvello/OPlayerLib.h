@@ -3,8 +3,6 @@
 #include "OPlayerPlaybackApi.h"
 #include "oplayer/oplayer.h"
 
-#include "vrax/vraxorvelloversioninfo.h"
-
 #include "model/cmreply.h"
 #include "model/cmrequest.h"
 
@@ -15,6 +13,7 @@
 #include <cstddef>
 
 class QLibrary;
+class VraxOrvelloVersionInfo;
 
 // The device settings the player library is created from; filled by the worker.
 struct oplayer_init_params

@@ -54,7 +54,6 @@ private:
     OPlayerLib* m_oplayerLib;
     OrvelloPlayLogic* m_playLogic;
 
-private:
     // After a reload: stops the play logic and schedules a search when no library runs.
     void retryUnlessRunning();
 
