@@ -20,6 +20,7 @@
 #include <QJsonObject>
 #include <QPointF>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTextStream>
 #include <QThread>
@@ -268,7 +269,8 @@ public:
 
     FastRun fastRun(int i);
     TracedRun tracedRun(int i);
-    SwapRun swapRun(int i, bool realtime);
+    // bad: the service offers random bytes as 1.1.0 over an installed 1.0.0, which is rolled back.
+    SwapRun swapRun(int i, bool realtime, bool bad = false);
     PairRun pairRun(int i);
     RealtimeRun realtimeRun(int i, bool memory);
     QJsonObject tool(const QString& program, const QStringList& arguments, int timeoutMs);
@@ -445,19 +447,34 @@ TracedRun Bench::tracedRun(int i)
     return run;
 }
 
-// The update 1.0.0 -> 1.1.0 at the end of the first track, seen in the pipeline's received stream.
-SwapRun Bench::swapRun(int i, bool realtime)
+// The update 1.0.0 -> 1.1.0 at the end of the first track (or its rollback), seen in the
+// pipeline's received stream.
+SwapRun Bench::swapRun(int i, bool realtime, bool bad)
 {
-    auto rig = newRig(QStringLiteral("swap-%1-%2").arg(realtime ? "realtime" : "fast").arg(i));
+    auto rig = newRig(QStringLiteral("%1-%2-%3").arg(bad ? "rollback" : "swap", realtime ? "realtime" : "fast").arg(i));
     QString error;
-    if (!rig->startService(QStringLiteral("1.1.0"), QStringLiteral(OPLAYER_REF_1_1_0), &error))
+    QString offered = QStringLiteral(OPLAYER_REF_1_1_0);
+    if (bad) {
+        offered = rig->workDir() + QStringLiteral("/random.so");
+        QFile random(offered);
+        QByteArray bytes(int(QFileInfo(QStringLiteral(OPLAYER_REF_1_1_0)).size()), Qt::Uninitialized);
+        for (char& byte : bytes)
+            byte = char(QRandomGenerator::global()->bounded(256));
+        const QString installed = rig->dataDir() + QStringLiteral("/data-rw/orvello/liboplayer-1.so");
+        if (!random.open(QIODevice::WriteOnly) || random.write(bytes) != bytes.size() || !QDir().mkpath(QFileInfo(installed).path())
+            || !QFile::copy(QStringLiteral(OPLAYER_REF_1_0_0), installed))
+            fail(QStringLiteral("cannot prepare the rollback run in %1").arg(rig->workDir()));
+    }
+    if (!rig->startService(QStringLiteral("1.1.0"), offered, &error))
         fail(error);
     // Long enough for the update check, download and check to finish within the first track.
     const QString track = realtime ? QStringLiteral("5") : QStringLiteral("20");
     startHost(*rig, settings(*rig, true, 1), realtime ? QStringLiteral("realtime") : QStringLiteral("fast"),
               {QStringLiteral("OPLAYER_REF_TRACK_SECONDS=") + track}, true);
-    if (!rig->waitForLog(QStringLiteral("Running SDK version: 1.1.0"), 40000))
-        fail(QStringLiteral("the update was not swapped in:\n") + rig->hostLog().join(QLatin1Char('\n')));
+    const QString swapped = bad ? QStringLiteral("the previous library is back in its place") : QStringLiteral("Running SDK version: 1.1.0");
+    if (!rig->waitForLog(swapped, 40000))
+        fail(QStringLiteral("the update was not %1:\n").arg(bad ? "rolled back" : "swapped in")
+             + rig->hostLog().join(QLatin1Char('\n')));
     wait(realtime ? 1500 : 1000);
     if (rig->stopHost() != 0)
         fail(QStringLiteral("vrax-host did not stop cleanly"));
@@ -496,13 +513,14 @@ SwapRun Bench::swapRun(int i, bool realtime)
         run.otherGapMs = std::max(run.otherGapMs, double(e.ns - p.ns) / 1e6);
         run.otherSilenceMs = std::max(run.otherSilenceMs, double(e.ns - p.c) / 1e6);
     }
+    // The first library's shutdown, then the next one's init and first data.
     qint64 shutdown = 0, init = 0, firstData = 0;
     for (const Event& e : library) {
-        if (e.name == "shutdown" && e.version == "1.0.0")
+        if (e.name == "shutdown" && !shutdown)
             shutdown = e.ns;
-        else if (e.name == "init" && e.version == "1.1.0" && !init)
+        else if (e.name == "init" && shutdown && !init)
             init = e.ns;
-        else if (e.name == "data" && e.version == "1.1.0" && !firstData)
+        else if (e.name == "data" && init && !firstData)
             firstData = e.ns;
     }
     run.libraryMs = shutdown && init ? double(init - shutdown) / 1e6 : std::nan("");
@@ -733,7 +751,7 @@ int main(int argc, char** argv)
     const QDateTime started = QDateTime::currentDateTimeUtc();
     Bench bench(work, runs);
     Series fastX, rawX, transferX, fastCores, startup, hostStart, pairMs, refusedMs;
-    Series swapGap, swapOther, swapLibrary, rtSilence, rtOtherSilence, rtCushion;
+    Series swapGap, swapOther, swapLibrary, rtSilence, rtOtherSilence, rtCushion, rbSilence, rbCushion, rbLibrary;
     Series playCpu, idleCpu, rawCpu, rawPacedLatency, rawPacedLatencyP99, rawLatency, rawLatencyP99;
     Series latencyMedian, latencyP99, rtLatencyMedian, rtLatencyP99;
     std::map<QString, Series> threads, rtThreads, idleThreads;
@@ -799,6 +817,15 @@ int main(int argc, char** argv)
             bench.say(QStringLiteral("swap at realtime pace %1/%2: %3 ms of silence; the new library's first chunk came "
                                      "%4 ms before the old audio had played")
                           .arg(i + 1).arg(runs).arg(num(std::max(0.0, swap.silenceMs))).arg(num(swap.cushionMs)));
+        }
+        for (int i = 0; i < runs; ++i) {
+            const SwapRun rollback = bench.swapRun(i, true, true);
+            rbSilence.add(std::max(0.0, rollback.silenceMs));
+            rbCushion.add(rollback.cushionMs);
+            rbLibrary.add(rollback.libraryMs);
+            bench.say(QStringLiteral("rollback of a bad update at realtime pace %1/%2: %3 ms of silence; the previous "
+                                     "library's first chunk came %4 ms before the old audio had played")
+                          .arg(i + 1).arg(runs).arg(num(std::max(0.0, rollback.silenceMs))).arg(num(rollback.cushionMs)));
         }
         for (int i = 0; i < runs; ++i) {
             const RealtimeRun rt = bench.realtimeRun(i, i == 0);
@@ -872,6 +899,8 @@ int main(int argc, char** argv)
        << "| 4b | update swap, realtime pace: silence heard (ms) | " << withRange(rtSilence)
        << " | worst silence elsewhere in the same stream: " << withRange(rtOtherSilence) << " | "
        << ratio(rtSilence.med(), rtOtherSilence.med()) << " |\n"
+       << "| 4c | bad update rolled back, realtime pace: silence heard (ms) | " << withRange(rbSilence)
+       << " | the good swap's (4b): " << withRange(rtSilence) << " | " << ratio(rbSilence.med(), rtSilence.med()) << " |\n"
        << "| 5 | start-up, worker_create to the first PCM byte at the pipeline, paired (ms) | " << withRange(startup)
        << " | vrax-host started to worker_create: " << withRange(hostStart) << " | " << ratio(startup.med(), hostStart.med())
        << " |\n"
@@ -904,7 +933,9 @@ int main(int argc, char** argv)
        << "4. Service emulator offering 1.1.0, update checks every second, 20 s tracks (fast) or 5 s (realtime); "
           "the host's trace gives the reads around the sequence end that the swap makes. At realtime pace each "
           "read carries when the audio read so far will have been played; silence is the first new read minus that "
-          "time for the last old read (0 when audio was still waiting).\n"
+          "time for the last old read (0 when audio was still waiting). 4c: the same with 1.0.0 installed in "
+          "data-rw and the service offering random bytes of the reference library's size as 1.1.0 (its checksum "
+          "matches): the install, the refused load and the previous copy put back and loaded.\n"
        << "5. From the host's trace: `worker_create` to the first audio read, paired device at fast pace; the "
           "baseline is from the bench starting vrax-host to `worker_create`. Pairing: `POST /api/value` of "
           "`orvello/browse/uiPairCode` on an unpaired device, timed by the client, against `ABC1EF`, which the module "
@@ -1026,6 +1057,11 @@ int main(int argc, char** argv)
           "chunk " << num(rtCushion.med()) << " ms (median) before the old library's last audio had been played, so "
           "the silence heard is " << num(rtSilence.med()) << " ms. A swap would be heard only if it took longer than "
           "that cushion (a slow flash, a much bigger library).\n";
+    md << "- Rolling back a bad update costs " << num(rbLibrary.med()) << " ms from the old library's shutdown to "
+          "the previous one's init (the good swap: " << num(swapLibrary.med()) << " ms at fast pace); the previous "
+          "library's first chunk came " << num(rbCushion.med()) << " ms before the old audio had played, so the "
+          "silence heard is " << num(rbSilence.med()) << " ms. Either way the library that plays next starts "
+          "its station from the first track.\n";
     if (pairMs.med() > 500)
         md << "- Pairing takes " << num(pairMs.med()) << " ms because oplayer-ref answers a pairing after about one "
               "second by design and the module polls the outcome every 100 ms; the module's own part is close to the "

@@ -1,7 +1,9 @@
 #pragma once
 
 // Helpers shared by the player library host's tests.
+#include "LibraryFiles.h"
 #include "OPlayerLib.h"
+#include "OrvelloUpdater.h"
 
 #include <QDir>
 #include <QFile>
@@ -24,6 +26,16 @@ inline bool placeLibrary(const QString& from, const QString& path)
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile::remove(path);
     return QFile::copy(from, path);
+}
+
+// Leaves a copy of library where the updater leaves a download, with the record it writes when
+// the download passes verification.
+inline bool placeVerifiedDownload(const QString& library, const QString& version = QStringLiteral("1.1.0"))
+{
+    QString error;
+    return placeLibrary(library, kDownloadPath)
+        && LibraryFiles::writeRecord(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD), version,
+                                     LibraryFiles::sha256Hex(library), &error);
 }
 
 // A symbol of a library the process has already loaded from path, or null.

@@ -1,6 +1,8 @@
 #include "OPlayerTestUtil.h"
 
+#include "LibraryFiles.h"
 #include "LogCapture.h"
+#include "OrvelloUpdater.h"
 #include "TestPlatform.h"
 
 #include "model/cmnode.h"
@@ -8,11 +10,18 @@
 #include "model/cmworker.h"
 #include "vrax/vraxpaths.h"
 
+#include <QCryptographicHash>
+#include <QRandomGenerator>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTest>
 
+#include <elf.h>
+
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 
 using namespace oplayertest;
 
@@ -56,6 +65,93 @@ QStringList hostLines(const LogCapture& log)
         out << QString::fromLatin1(level) + QLatin1Char(' ') + line.message;
     }
     return out;
+}
+
+// The WARN and ERROR lines of the host, as hostLines gives them.
+QStringList problemLines(const LogCapture& log)
+{
+    QStringList out;
+    for (const QString& line : hostLines(log))
+        if (line.startsWith(QLatin1String("WARN ")) || line.startsWith(QLatin1String("ERROR ")))
+            out << line;
+    return out;
+}
+
+QByteArray fileBytes(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool writeBytes(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+QString sha256Hex(const QByteArray& bytes)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
+}
+
+QByteArray randomBytes(int size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (char& byte : bytes)
+        byte = char(QRandomGenerator::global()->bounded(256));
+    return bytes;
+}
+
+using Ehdr = std::conditional_t<sizeof(void*) == 8, Elf64_Ehdr, Elf32_Ehdr>;
+using Phdr = std::conditional_t<sizeof(void*) == 8, Elf64_Phdr, Elf32_Phdr>;
+
+// A good shared object spoiled in one way.
+QByteArray spoiled(QByteArray elf, const QString& how)
+{
+    Ehdr header;
+    std::memcpy(&header, elf.constData(), sizeof(header));
+    if (how == QLatin1String("empty"))
+        return QByteArray();
+    if (how == QLatin1String("cut in the ELF header"))
+        return elf.left(40);
+    if (how == QLatin1String("cut in the program headers"))
+        return elf.left(int(header.e_phoff) + int(sizeof(Phdr)) / 2);
+    // Where the loadable segments end; what follows (section headers, debug data) is not mapped.
+    qint64 loadEnd = 0;
+    for (int i = 0; i < header.e_phnum; ++i) {
+        Phdr segment;
+        std::memcpy(&segment, elf.constData() + header.e_phoff + i * sizeof(Phdr), sizeof(segment));
+        if (segment.p_type == PT_LOAD)
+            loadEnd = std::max<qint64>(loadEnd, segment.p_offset + segment.p_filesz);
+    }
+    if (how == QLatin1String("cut in the segments"))
+        return elf.left(int(loadEnd / 2));
+    if (how == QLatin1String("one byte short"))
+        return elf.left(int(loadEnd - 1));
+    if (how == QLatin1String("other class"))
+        elf[EI_CLASS] = char(sizeof(void*) == 8 ? ELFCLASS32 : ELFCLASS64);
+    if (how == QLatin1String("other byte order"))
+        elf[EI_DATA] = char(elf[EI_DATA] == ELFDATA2LSB ? ELFDATA2MSB : ELFDATA2LSB);
+    if (how == QLatin1String("other machine"))
+        header.e_machine = header.e_machine == EM_AARCH64 ? EM_X86_64 : EM_AARCH64;
+    if (how == QLatin1String("executable"))
+        header.e_type = ET_EXEC;
+    if (how == QLatin1String("other machine") || how == QLatin1String("executable"))
+        std::memcpy(elf.data(), &header, sizeof(header));
+    if (how == QLatin1String("segment past the end")) {
+        for (int i = header.e_phnum - 1; i >= 0; --i) {
+            Phdr segment;
+            char* at = elf.data() + header.e_phoff + i * sizeof(Phdr);
+            std::memcpy(&segment, at, sizeof(segment));
+            if (segment.p_type != PT_LOAD)
+                continue;
+            segment.p_filesz = elf.size() - segment.p_offset + 4096;
+            std::memcpy(at, &segment, sizeof(segment));
+            break;
+        }
+    }
+    return elf;
 }
 
 bool linesMatch(const QStringList& actual, const QStringList& expected)
@@ -115,9 +211,9 @@ private Q_SLOTS:
                 + missing(kSearchList[1]) + missing(kSearchList[2]) + found(kSearchList[3]) + QStringList{running});
         QTest::newRow("not a library, then good")
             << QStringLiteral(BROKEN_FILE) << QStringLiteral(FAKE_GOOD) << true
-            << (QStringList{enter} + found(kSearchList[0])
-                + QStringList{QStringLiteral("ERROR Error loading the oplayer-1 library from path ") + kSearchList[0]
-                              + QStringLiteral(": *")}
+            << (QStringList{enter, QStringLiteral("TRACE Considering liboplayer path: ") + kSearchList[0],
+                            QStringLiteral("ERROR Not loading liboplayer at ") + kSearchList[0]
+                                + QStringLiteral(": not an ELF file (*")}
                 + missing(kSearchList[1]) + missing(kSearchList[2]) + found(kSearchList[3]) + QStringList{running});
         QTest::newRow("create fails, then good")
             << QStringLiteral(FAKE_CREATE_FAILS) << QStringLiteral(FAKE_GOOD) << true
@@ -342,14 +438,251 @@ private Q_SLOTS:
         lib.unload();
     }
 
+    // A damaged file at the head of the list is never opened; the search goes on.
+    void damagedFileIsSkipped_data()
+    {
+        QTest::addColumn<QString>("damage");
+        QTest::addColumn<QString>("problem"); // how the ERROR line's reason starts
+        const QString bits = QString::number(8 * int(sizeof(void*)));
+        QTest::newRow("empty") << "empty" << "not an ELF file (0 bytes)";
+        QTest::newRow("cut in the ELF header") << "cut in the ELF header"
+                                               << "truncated: 40 bytes, shorter than an ELF header";
+        QTest::newRow("cut in the program headers") << "cut in the program headers"
+                                                    << "truncated: the program headers end at byte ";
+        QTest::newRow("cut in the segments") << "cut in the segments" << "truncated: loadable segment ";
+        QTest::newRow("one byte short") << "one byte short" << "truncated: loadable segment ";
+        QTest::newRow("segment past the end") << "segment past the end" << "truncated: loadable segment ";
+        QTest::newRow("other class") << "other class"
+                                     << QStringLiteral("a %1-bit ELF file, this process is %2-bit")
+                                            .arg(sizeof(void*) == 8 ? 32 : 64).arg(bits);
+        QTest::newRow("other byte order") << "other byte order" << "an ELF file of the other byte order";
+        QTest::newRow("other machine") << "other machine" << "built for ";
+        QTest::newRow("executable") << "executable" << "not a shared object (ELF type 2)";
+    }
+
+    void damagedFileIsSkipped()
+    {
+        QFETCH(QString, damage);
+        QFETCH(QString, problem);
+        Fixture fixture;
+        QVERIFY(writeBytes(kSearchList[0], spoiled(fileBytes(QStringLiteral(FAKE_GOOD)), damage)));
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_GOOD), kSearchList[3]));
+        LogCapture log;
+        OPlayerLib lib(initParams());
+        const auto unload = qScopeGuard([&lib] { lib.unload(); });
+        QVERIFY(lib.ok());
+        const QStringList errors = problemLines(log);
+        QCOMPARE(errors.size(), 1);
+        const QString prefix = QStringLiteral("ERROR Not loading liboplayer at ") + kSearchList[0] + QStringLiteral(": ");
+        QVERIFY2(errors.first().startsWith(prefix + problem), qPrintable(errors.first()));
+        QVERIFY2(errors.first().endsWith(QLatin1String("; trying the next path")), qPrintable(errors.first()));
+        QVERIFY(!hostLines(log).contains(QStringLiteral("DEBUG Found liboplayer at ") + kSearchList[0] + " loading"));
+        QVERIFY(loadedSymbol(kSearchList[3], "fake_create_calls"));
+    }
+
+    // What the constructor makes of a waiting download and of an install a power cut
+    // interrupted: what runs, what stays installed, what is said.
+    void install_data()
+    {
+        QTest::addColumn<QString>("installed"); // data-rw/orvello/liboplayer-1.so before
+        QTest::addColumn<QString>("previous");  // data-rw/orvello/liboplayer-1.so.previous before
+        QTest::addColumn<QString>("fourth");    // the developer build tree
+        QTest::addColumn<QString>("download");  // /tmp/orvello/liboplayer-1.so; "random": random bytes
+        QTest::addColumn<QString>("record");    // verified record: "match", "other" checksum or "none"
+        QTest::addColumn<bool>("blockNewCopy"); // a directory where the new copy is written
+        QTest::addColumn<QString>("runsFrom");  // "installed", "fourth" or "" (nothing runs)
+        QTest::addColumn<QString>("after");     // what is installed afterwards ("" none, "download")
+        QTest::addColumn<bool>("downloadLeft");
+        QTest::addColumn<bool>("rejected");     // the rejected record names the installed download
+        QTest::addColumn<QStringList>("problems");
+
+        const QString good = QStringLiteral(FAKE_GOOD);
+        const QString other = QStringLiteral(FAKE_CREATE_FAILS_WITH_HANDLE); // also loads
+        const QString noSymbol = QStringLiteral(FAKE_NOSYMBOL);
+        const QString createFails = QStringLiteral(FAKE_CREATE_FAILS);
+        const QString update = QStringLiteral("ERROR Update to version 1.1.0 does not load from ") + kInstalledPath;
+        const QString putBack = update + "; the previous library is back in its place and version fake-9.9.9 plays on";
+        const QString removed = update + "; there is no previous copy, so it is removed and the rest of the search list is tried";
+        const QString failed = QStringLiteral("ERROR Failed to load oplayer-1 library");
+        const QString unverified = QStringLiteral("ERROR Not installing /tmp/orvello/liboplayer-1.so: it has not passed "
+                                                  "verification; it stays where it is and the installed library is kept");
+        const QString resolve = QStringLiteral("ERROR Error resolving the OPLAYER_API symbol: *");
+        // clang-format off
+        QTest::newRow("update replaces the installed copy")
+            << good << "" << "" << other << "match" << false << "installed" << "download" << false << false << QStringList{};
+        QTest::newRow("first update")
+            << "" << "" << good << other << "match" << false << "installed" << "download" << false << false << QStringList{};
+        QTest::newRow("no entry symbol: previous put back")
+            << good << "" << "" << noSymbol << "match" << false << "installed" << good << false << true
+            << QStringList{resolve, putBack};
+        QTest::newRow("create fails: previous put back")
+            << good << "" << good << createFails << "match" << false << "installed" << good << false << true
+            << QStringList{"ERROR Unable to allocate OPlayer. Error: 5", putBack};
+        QTest::newRow("random bytes: previous put back")
+            << good << "" << "" << "random" << "match" << false << "installed" << good << false << true
+            << QStringList{"ERROR Not loading liboplayer at " + kInstalledPath + ": not an ELF file (*", putBack};
+        QTest::newRow("no entry symbol, no previous: system copy")
+            << "" << "" << good << noSymbol << "match" << false << "fourth" << "" << false << true
+            << QStringList{resolve, removed};
+        QTest::newRow("no entry symbol, nothing else")
+            << "" << "" << "" << noSymbol << "match" << false << "" << "" << false << true
+            << QStringList{resolve, removed, failed, failed};
+        QTest::newRow("not verified")
+            << good << "" << "" << other << "none" << false << "installed" << good << true << false
+            << QStringList{unverified};
+        QTest::newRow("not the file that verified")
+            << good << "" << "" << other << "other" << false << "installed" << good << true << false
+            << QStringList{"ERROR Not installing /tmp/orvello/liboplayer-1.so: it is not the file that passed "
+                           "verification; it stays where it is and the installed library is kept"};
+        QTest::newRow("new copy cannot be written")
+            << good << "" << "" << other << "match" << true << "installed" << good << true << false
+            << QStringList{"ERROR Failed to move updated library binary to location: " + kInstalledPath,
+                           "WARN Installing version 1.1.0 failed (*"};
+        QTest::newRow("interrupted install that loads")
+            << other << good << "" << "" << "none" << false << "installed" << other << false << false << QStringList{};
+        QTest::newRow("interrupted install that does not load")
+            << noSymbol << good << "" << "" << "none" << false << "installed" << good << false << true
+            << QStringList{resolve, "ERROR The update installed before the restart does not load from " + kInstalledPath
+                                        + "; the previous library is back in its place and version fake-9.9.9 plays on"};
+        // clang-format on
+    }
+
+    void install()
+    {
+        QFETCH(QString, installed);
+        QFETCH(QString, previous);
+        QFETCH(QString, fourth);
+        QFETCH(QString, download);
+        QFETCH(QString, record);
+        QFETCH(bool, blockNewCopy);
+        QFETCH(QString, runsFrom);
+        QFETCH(QString, after);
+        QFETCH(bool, downloadLeft);
+        QFETCH(bool, rejected);
+        QFETCH(QStringList, problems);
+        Fixture fixture;
+        const QString newCopy = kInstalledPath + QStringLiteral(".new");
+        const QString previousPath = kInstalledPath + QStringLiteral(".previous");
+        const QString recordPath = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD);
+        QDir(QStringLiteral("/tmp/orvello")).removeRecursively();
+        QVERIFY(QDir().mkpath(QStringLiteral("data-rw/orvello")));
+        if (!installed.isEmpty())
+            QVERIFY(placeLibrary(installed, kInstalledPath));
+        if (!previous.isEmpty())
+            QVERIFY(placeLibrary(previous, previousPath));
+        if (!fourth.isEmpty())
+            QVERIFY(placeLibrary(fourth, kSearchList[3]));
+        const QByteArray downloaded = download == QLatin1String("random") ? randomBytes(100000)
+                                      : download.isEmpty()                ? QByteArray()
+                                                                          : fileBytes(download);
+        if (!download.isEmpty())
+            QVERIFY(writeBytes(kDownloadPath, downloaded));
+        QString error;
+        if (record != QLatin1String("none"))
+            QVERIFY2(LibraryFiles::writeRecord(recordPath, QStringLiteral("1.1.0"),
+                                               sha256Hex(record == QLatin1String("match") ? downloaded : "other"), &error),
+                     qPrintable(error));
+        if (blockNewCopy)
+            QVERIFY(QDir().mkpath(newCopy));
+
+        LogCapture log;
+        OPlayerLib lib(initParams());
+        const auto unload = qScopeGuard([&lib] { lib.unload(); });
+        QVERIFY2(linesMatch(problemLines(log), problems), qPrintable(log.dump()));
+        QCOMPARE(lib.ok(), !runsFrom.isEmpty());
+        if (runsFrom == QLatin1String("installed"))
+            QVERIFY(loadedSymbol(kInstalledPath, "fake_create_calls"));
+        if (runsFrom == QLatin1String("fourth"))
+            QVERIFY(loadedSymbol(kSearchList[3], "fake_create_calls"));
+        if (after.isEmpty())
+            QVERIFY(!QFile::exists(kInstalledPath));
+        else
+            QVERIFY(fileBytes(kInstalledPath) == (after == QLatin1String("download") ? downloaded : fileBytes(after)));
+        QCOMPARE(QFile::exists(kDownloadPath), downloadLeft);
+        QCOMPARE(QFile::exists(recordPath), downloadLeft && record != QLatin1String("none"));
+        QVERIFY(!QFile::exists(previousPath));
+        QCOMPARE(QFileInfo::exists(newCopy), blockNewCopy);
+        const VraxOrvelloVersionInfo rejection = LibraryFiles::readRecord(kInstalledPath + QStringLiteral(".rejected"));
+        QCOMPARE(!rejection.checksum().isEmpty(), rejected);
+        if (rejected && !download.isEmpty())
+            QCOMPARE(rejection.checksum(), sha256Hex(downloaded));
+    }
+
+    // A download that failed to install, or was rolled back, is not tried again at every song
+    // end; only the rolled-back one is remembered across a restart. Another download is tried.
+    void refusedDownloads_data()
+    {
+        QTest::addColumn<bool>("rollBack"); // else the install fails
+        QTest::addColumn<QString>("refusal");
+        QTest::newRow("rolled back") << true
+                                     << "Not installing version 1.1.0 again: it did not load on this device and was "
+                                        "rolled back; the installed library is kept";
+        QTest::newRow("install failed") << false
+                                        << "Not installing version 1.1.0 again: its install failed earlier; the "
+                                           "installed library is kept until a restart or another verified download";
+    }
+
+    void refusedDownloads()
+    {
+        QFETCH(bool, rollBack);
+        QFETCH(QString, refusal);
+        Fixture fixture;
+        const QString newCopy = kInstalledPath + QStringLiteral(".new");
+        QDir(QStringLiteral("/tmp/orvello")).removeRecursively();
+        auto offer = [](const QString& library) { return placeVerifiedDownload(library); };
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_GOOD), kInstalledPath));
+        QVERIFY(offer(QString::fromLatin1(rollBack ? FAKE_NOSYMBOL : FAKE_CREATE_FAILS_WITH_HANDLE)));
+        if (!rollBack)
+            QVERIFY(QDir().mkpath(newCopy));
+        auto lib = std::make_unique<OPlayerLib>(initParams());
+        const auto unload = qScopeGuard([&lib] {
+            if (lib)
+                lib->unload();
+        });
+        QVERIFY(lib->ok());
+        if (rollBack)
+            QVERIFY(offer(QStringLiteral(FAKE_NOSYMBOL))); // downloaded again after the rollback
+        QVERIFY(QFile::exists(kDownloadPath));
+
+        LogCapture log;
+        QVERIFY(!lib->hasInstallableUpdate());
+        stopLibrary(*lib);
+        QVERIFY(!lib->update());
+        QCOMPARE(log.count(log4cplus::INFO_LOG_LEVEL, refusal), 2);
+        QVERIFY(problemLines(log).isEmpty());
+        QVERIFY(!lib->ok()); // update() changed nothing
+
+        // A restart: the failed install is tried once more, the rolled-back library is not.
+        lib.reset();
+        log.clear();
+        lib = std::make_unique<OPlayerLib>(initParams());
+        QVERIFY(lib->ok());
+        QCOMPARE(problemLines(log).size(), rollBack ? 0 : 2);
+        QCOMPARE(log.count(log4cplus::INFO_LOG_LEVEL, refusal), rollBack ? 1 : 0);
+        QVERIFY(fileBytes(kInstalledPath) == fileBytes(QStringLiteral(FAKE_GOOD)));
+
+        // Another verified download is installed.
+        QVERIFY(QDir(newCopy).removeRecursively());
+        QVERIFY(offer(QStringLiteral(FAKE_CREATE_FAILS)));
+        QCOMPARE(fileBytes(kDownloadPath), fileBytes(QStringLiteral(FAKE_CREATE_FAILS)));
+        QVERIFY(lib->hasInstallableUpdate());
+        stopLibrary(*lib);
+        log.clear();
+        QVERIFY(lib->update());
+        QVERIFY(log.contains(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Unable to allocate OPlayer. Error: 5")));
+        QVERIFY(fileBytes(kInstalledPath) == fileBytes(QStringLiteral(FAKE_GOOD))); // rolled back again
+        QVERIFY(!QFile::exists(kDownloadPath));
+    }
+
     void pendingDownloadAtConstruction()
     {
         Fixture fixture;
         QVERIFY(placeLibrary(QStringLiteral(FAKE_CREATE_FAILS), kInstalledPath)); // an old copy
-        QVERIFY(placeLibrary(QStringLiteral(FAKE_GOOD), kDownloadPath));
+        QVERIFY(placeVerifiedDownload(QStringLiteral(FAKE_GOOD)));
         OPlayerLib lib(initParams());
         QVERIFY(lib.ok());
         QVERIFY(!QFile::exists(kDownloadPath));
+        QVERIFY(!QFile::exists(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD)));
         QVERIFY(loadedSymbol(kInstalledPath, "fake_create_calls"));
         QCOMPARE(fakeCounter(kInstalledPath, "fake_create_calls"), 1);
 

@@ -241,7 +241,7 @@ private Q_SLOTS:
         QVERIFY(lib.playbackApi()->resume());
         QTRY_VERIFY(sink.consumed > 0);
 
-        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_1_0), kDownloadPath));
+        QVERIFY(placeVerifiedDownload(QStringLiteral(OPLAYER_REF_1_1_0)));
         bool updated = false;
         connect(&lib, &OPlayerLib::endOfLoop, this, [&]() { updated = lib.update(); });
         LogCapture log;

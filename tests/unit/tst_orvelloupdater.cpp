@@ -3,6 +3,7 @@
 #include "OrvelloServiceProcess.h"
 #include "TestPlatform.h"
 
+#include "LibraryFiles.h"
 #include "OrvelloUpdater.h"
 
 #include "model/cmnode.h"
@@ -25,6 +26,7 @@
 namespace {
 const QString kDest = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
 const QString kTmp = kDest + QStringLiteral(".tmp");
+const QString kRecord = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD);
 
 QByteArray readFile(const QString& path)
 {
@@ -82,6 +84,7 @@ private Q_SLOTS:
     void verify_data();
     void verify();
     void unopenableTemporaryFile();
+    void oneDownloadAtATime();
 
 private:
     // Starts the service offering `offered`, a platform pointing at it and the version node.
@@ -143,6 +146,9 @@ void tst_OrvelloUpdater::newerVersionIsInstalledForUse()
 
     QCOMPARE(readFile(kDest), m_library);
     QVERIFY(!QFile::exists(kTmp));
+    const VraxOrvelloVersionInfo record = LibraryFiles::readRecord(kRecord);
+    QCOMPARE(record.version(), QStringLiteral("1.1.0"));
+    QCOMPARE(record.checksum(), sha256Hex(m_library));
     const QString configUrl = m_service->url("/config.json");
     const QString link = m_service->url("/files/liboplayer-1.so");
     const QStringList info = orvelloLines(log4cplus::INFO_LOG_LEVEL);
@@ -249,6 +255,7 @@ void tst_OrvelloUpdater::failures()
     QCOMPARE(finished.count(), 0);
     QVERIFY(!QFile::exists(kTmp));
     QCOMPARE(QFile::exists(kDest), downloaded);
+    QVERIFY(!QFile::exists(kRecord));
     // The check is over: nothing is left running until the next tick.
     QTRY_COMPARE(updater.findChildren<QNetworkReply*>().size(), 0);
     QVERIFY(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
@@ -266,6 +273,8 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
     QFETCH(bool, staleIsTheOfferedLibrary);
     const QByteArray stale = staleIsTheOfferedLibrary ? m_library : QByteArray("an older download");
     QVERIFY(writeFile(kDest, stale));
+    QString error;
+    QVERIFY(LibraryFiles::writeRecord(kRecord, "1.0.5", sha256Hex(stale), &error)); // verified by an earlier check
     setUp("1.0.0", "1.1.0");
     OrvelloUpdater updater;
     QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
@@ -277,6 +286,8 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
     QCOMPARE(readFile(kDest), stale);
     QVERIFY(!QFile::exists(kTmp));
     QCOMPARE(m_service->requests().size(), 2);
+    // The record follows the last verification: gone when it failed.
+    QCOMPARE(LibraryFiles::readRecord(kRecord).version(), staleIsTheOfferedLibrary ? "1.1.0" : QString());
 }
 
 void tst_OrvelloUpdater::emptyUrlNeverRequests()
@@ -353,6 +364,33 @@ void tst_OrvelloUpdater::unopenableTemporaryFile()
     QCOMPARE(reply.value(), false);
     QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL), QStringList{"Unable to open destination:" + kTmp});
     QVERIFY(m_service->requests().isEmpty());
+}
+
+// Downloads slower than the check interval: later checks start none of their own, and a direct
+// call is refused without touching the running download's file.
+void tst_OrvelloUpdater::oneDownloadAtATime()
+{
+    setUp("1.0.0", "1.1.0", {"library-delay=2500"}, 1);
+    OrvelloUpdater updater;
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+    QTRY_VERIFY_WITH_TIMEOUT(updater.downloadRunning(), 5000);
+    const QString link = m_service->url("/files/liboplayer-1.so");
+    const CMReply<bool> second = updater.downloadLibrary(link);
+    QVERIFY(second.isFinished());
+    QCOMPARE(second.value(), false);
+    QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL),
+             QStringList{"A library download is still running, not starting another from " + link});
+    QVERIFY(QFile::exists(kTmp));
+
+    QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 10000);
+    const QString skipped = QStringLiteral("A library download is still running, not starting another for version 1.1.0");
+    QVERIFY2(m_log->count(log4cplus::DEBUG_LOG_LEVEL, skipped) >= 1, qPrintable(m_log->dump()));
+    int downloads = 0;
+    for (const QJsonValue& request : m_service->requests())
+        downloads += request.toObject().value("path").toString().startsWith("/files/");
+    QCOMPARE(downloads, 1);
+    QCOMPARE(readFile(kDest), m_library);
+    QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL).size(), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_OrvelloUpdater)

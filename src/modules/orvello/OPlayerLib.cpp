@@ -1,10 +1,12 @@
 #include "OPlayerLib.h"
 
+#include "LibraryFiles.h"
 #include "OrvelloLogging.h"
 #include "OrvelloUpdater.h"
 
 #include "model/cmerror.h"
 #include "model/cmworker.h"
+#include "vrax/vraxorvelloversioninfo.h"
 #include "vrax/vraxpaths.h"
 #include "vrax/vraxvalue.h"
 
@@ -22,6 +24,12 @@ log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
 
 const QString kPersistentDirectory = QStringLiteral("data-rw/orvello");
 const QString kInstalledLibrary = QStringLiteral("data-rw/orvello/liboplayer-1.so");
+// The new copy while it is written; renamed over the installed one once it is on disk.
+const QString kNewLibrary = QStringLiteral("data-rw/orvello/liboplayer-1.so.new");
+// While it exists the installed copy has not loaded yet, and this is the last one that did.
+const QString kPreviousLibrary = QStringLiteral("data-rw/orvello/liboplayer-1.so.previous");
+// Version and checksum of the last update that did not load.
+const QString kRejectedRecord = QStringLiteral("data-rw/orvello/liboplayer-1.so.rejected");
 
 // An installed update comes first so that it wins over the system's copy.
 const QList<QString> kLibrarySearchList = {
@@ -64,10 +72,13 @@ OPlayerLib::OPlayerLib(const oplayer_init_params& params)
     , m_oplayer(nullptr)
     , m_pairingApi(nullptr)
     , m_createParams()
+    , m_installing(false)
 {
     std::memset(&m_createParams, 0, sizeof(m_createParams));
     if (!QDir().mkpath(kPersistentDirectory))
         LOG4CPLUS_ERROR(logger, "Failed to create: " << kPersistentDirectory << ", update will not work");
+    // Left by an install that a power cut interrupted.
+    QFile::remove(kNewLibrary);
     if (QFile::exists(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST))) {
         if (update())
             return;
@@ -95,74 +106,37 @@ void OPlayerLib::load()
     ORVELLO_ENTER(logger);
     const QList<QString> paths = kLibrarySearchList;
     for (const QString& path : paths) {
-        LOG4CPLUS_TRACE(logger, "Considering liboplayer path: " << path);
-        if (!QFile::exists(path)) {
-            LOG4CPLUS_TRACE(logger, path << " does not exist");
+        if (loadFrom(path)) {
+            if (path == kInstalledLibrary)
+                keepInstalled();
+            return;
+        }
+        if (path != kInstalledLibrary || !(m_installing || QFile::exists(kPreviousLibrary)))
+            continue;
+        const QString failed = m_installing ? QStringLiteral("Update to version ") + m_installingVersion
+                                            : QStringLiteral("The update installed before the restart");
+        const bool hasPrevious = QFile::exists(kPreviousLibrary);
+        QString error;
+        if (!rollBack(&error)) {
+            LOG4CPLUS_ERROR(logger, failed << " does not load from " << path << " and cannot be taken out (" << error
+                                           << "); trying the rest of the search list");
             continue;
         }
-        LOG4CPLUS_DEBUG(logger, "Found liboplayer at " << path << " loading");
-        QLibrary* previous = m_library;
-        m_library = new QLibrary(path);
-        delete previous;
-        if (!m_library->load()) {
-            LOG4CPLUS_ERROR(logger, "Error loading the oplayer-1 library from path " << path << ": "
-                                                                                     << m_library->errorString());
+        if (!hasPrevious) {
+            LOG4CPLUS_ERROR(logger, failed << " does not load from " << path
+                                           << "; there is no previous copy, so it is removed and the rest of the "
+                                              "search list is tried");
             continue;
         }
-
-        std::memset(&m_createParams, 0, sizeof(m_createParams));
-        m_createParams.init_tag = OPLAYER_INIT_TAG;
-        m_createParams.max_bandwidth_kbps = m_params.maxBandwidthKbps;
-        CMAbstractWorker* root = CMRoot();
-        const bool cacheEnabled = root && VraxValue(root->getValue(VraxOrvelloCacheEnabled()).toHash()).bool_();
-        m_createParams.disable_cache = cacheEnabled ? 0 : 1;
-        const QByteArray cacheDir = m_params.cacheDir.toUtf8();
-        const QByteArray serialNumber = m_params.serialNumber.toUtf8();
-        const QByteArray vendorSecret = m_params.vendorSecret.toUtf8();
-        const QByteArray productName = m_params.productName.toUtf8();
-        m_createParams.cache_dir = cacheDir.constData();
-        m_createParams.serial_number = serialNumber.constData();
-        m_createParams.vendor_secret = vendorSecret.constData();
-        m_createParams.product_name = productName.constData();
-        m_createParams.cache_max_mb = m_params.cacheMaxMb;
-        m_createParams.cache_remain_mb = m_params.cacheRemainMb;
-        m_createParams.output_channels = m_params.outputChannels;
-        m_createParams.output_sample_rate = m_params.outputSampleRate;
-        m_createParams.client_version = "1.0";
-        m_createParams.option_b = 1;
-        m_createParams.audio_api = m_playbackApi.getAudioApi();
-        m_createParams.load_token = &orvello_load_token;
-        m_createParams.save_token = &orvello_save_token;
-
-        m_api = reinterpret_cast<const oplayer_api*>(m_library->resolve(OPLAYER_API_SYMBOL));
-        if (!m_api) {
-            LOG4CPLUS_ERROR(logger, "Error resolving the OPLAYER_API symbol: " << m_library->errorString());
-            unload();
-            continue;
+        if (loadFrom(path)) {
+            LOG4CPLUS_ERROR(logger, failed << " does not load from " << path
+                                           << "; the previous library is back in its place and version "
+                                           << m_runningVersion << " plays on");
+            return;
         }
-
-        const int result = m_api->create(m_createParams, &m_oplayer);
-        if (!m_oplayer) {
-            LOG4CPLUS_ERROR(logger, "Unable to allocate OPlayer. Error: " << result);
-            m_api = nullptr;
-            unload();
-            continue;
-        }
-
-        char version[1024];
-        std::memset(version, 0, sizeof(version));
-        m_api->get_version(nullptr, version, sizeof(version));
-        const QString versionText = QString::fromLatin1(version, static_cast<int>(qstrnlen(version, sizeof(version))));
-        LOG4CPLUS_INFO(logger, "Running SDK version: " << versionText);
-        storeString(VraxOrvelloSdkVersion(), versionText);
-
-        m_playbackApi.setControlsApi(m_api->controls_api());
-        m_playbackApi.setMetadataApi(m_api->metadata_api());
-        m_playbackApi.setOPlayer(m_oplayer);
-        m_pairingApi = m_api->pairing_api();
-
-        QTimer::singleShot(0, Qt::PreciseTimer, this, &OPlayerLib::mainLoop);
-        return;
+        LOG4CPLUS_ERROR(logger, failed << " does not load from " << path
+                                       << ", nor does the previous library put back there; trying the rest of the "
+                                          "search list");
     }
     LOG4CPLUS_ERROR(logger, "Failed to load oplayer-1 library");
 }
@@ -260,19 +234,188 @@ void OPlayerLib::doPairLoop(CMReply<QVariant> reply)
     m_pairingApi->release(result);
 }
 
-bool OPlayerLib::update()
+bool OPlayerLib::loadFrom(const QString& path)
 {
-    if (!QFile::exists(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST)))
+    LOG4CPLUS_TRACE(logger, "Considering liboplayer path: " << path);
+    if (!QFile::exists(path)) {
+        LOG4CPLUS_TRACE(logger, path << " does not exist");
+        return false;
+    }
+    // dlopen maps whatever the headers say; a segment past the end of the file is SIGBUS.
+    const QString problem = LibraryFiles::sharedObjectProblem(path);
+    if (!problem.isEmpty()) {
+        LOG4CPLUS_ERROR(logger, "Not loading liboplayer at " << path << ": " << problem << "; trying the next path");
+        return false;
+    }
+    LOG4CPLUS_DEBUG(logger, "Found liboplayer at " << path << " loading");
+    QLibrary* previous = m_library;
+    m_library = new QLibrary(path);
+    delete previous;
+    if (!m_library->load()) {
+        LOG4CPLUS_ERROR(logger, "Error loading the oplayer-1 library from path " << path << ": "
+                                                                                 << m_library->errorString());
+        return false;
+    }
+
+    std::memset(&m_createParams, 0, sizeof(m_createParams));
+    m_createParams.init_tag = OPLAYER_INIT_TAG;
+    m_createParams.max_bandwidth_kbps = m_params.maxBandwidthKbps;
+    CMAbstractWorker* root = CMRoot();
+    const bool cacheEnabled = root && VraxValue(root->getValue(VraxOrvelloCacheEnabled()).toHash()).bool_();
+    m_createParams.disable_cache = cacheEnabled ? 0 : 1;
+    const QByteArray cacheDir = m_params.cacheDir.toUtf8();
+    const QByteArray serialNumber = m_params.serialNumber.toUtf8();
+    const QByteArray vendorSecret = m_params.vendorSecret.toUtf8();
+    const QByteArray productName = m_params.productName.toUtf8();
+    m_createParams.cache_dir = cacheDir.constData();
+    m_createParams.serial_number = serialNumber.constData();
+    m_createParams.vendor_secret = vendorSecret.constData();
+    m_createParams.product_name = productName.constData();
+    m_createParams.cache_max_mb = m_params.cacheMaxMb;
+    m_createParams.cache_remain_mb = m_params.cacheRemainMb;
+    m_createParams.output_channels = m_params.outputChannels;
+    m_createParams.output_sample_rate = m_params.outputSampleRate;
+    m_createParams.client_version = "1.0";
+    m_createParams.option_b = 1;
+    m_createParams.audio_api = m_playbackApi.getAudioApi();
+    m_createParams.load_token = &orvello_load_token;
+    m_createParams.save_token = &orvello_save_token;
+
+    m_api = reinterpret_cast<const oplayer_api*>(m_library->resolve(OPLAYER_API_SYMBOL));
+    if (!m_api) {
+        LOG4CPLUS_ERROR(logger, "Error resolving the OPLAYER_API symbol: " << m_library->errorString());
+        unload();
+        return false;
+    }
+
+    const int result = m_api->create(m_createParams, &m_oplayer);
+    if (!m_oplayer) {
+        LOG4CPLUS_ERROR(logger, "Unable to allocate OPlayer. Error: " << result);
+        m_api = nullptr;
+        unload();
+        return false;
+    }
+
+    char version[1024];
+    std::memset(version, 0, sizeof(version));
+    m_api->get_version(nullptr, version, sizeof(version));
+    m_runningVersion = QString::fromLatin1(version, static_cast<int>(qstrnlen(version, sizeof(version))));
+    LOG4CPLUS_INFO(logger, "Running SDK version: " << m_runningVersion);
+    storeString(VraxOrvelloSdkVersion(), m_runningVersion);
+
+    m_playbackApi.setControlsApi(m_api->controls_api());
+    m_playbackApi.setMetadataApi(m_api->metadata_api());
+    m_playbackApi.setOPlayer(m_oplayer);
+    m_pairingApi = m_api->pairing_api();
+
+    QTimer::singleShot(0, Qt::PreciseTimer, this, &OPlayerLib::mainLoop);
+    return true;
+}
+
+void OPlayerLib::keepInstalled()
+{
+    QString error;
+    if (QFile::exists(kPreviousLibrary) && !LibraryFiles::removeDurably(kPreviousLibrary, &error))
+        LOG4CPLUS_ERROR(logger, "Failed to delete old library binary: " << kPreviousLibrary << " (" << error << ")");
+}
+
+bool OPlayerLib::rollBack(QString* error)
+{
+    const QString checksum = LibraryFiles::sha256Hex(kInstalledLibrary);
+    const bool restored = QFile::exists(kPreviousLibrary) ? LibraryFiles::replace(kPreviousLibrary, kInstalledLibrary, error)
+                                                          : LibraryFiles::removeDurably(kInstalledLibrary, error);
+    if (!checksum.isEmpty()) {
+        m_rolledBack.insert(checksum);
+        QString recordError;
+        if (!LibraryFiles::writeRecord(kRejectedRecord, m_installingVersion, checksum, &recordError))
+            LOG4CPLUS_WARN(logger, "Cannot record that the library with checksum "
+                                       << checksum << " does not load (" << recordError
+                                       << "); after a restart it may be installed and rolled back once more");
+    }
+    return restored;
+}
+
+bool OPlayerLib::pendingUpdate(VraxOrvelloVersionInfo* verified)
+{
+    const QString download = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
+    if (!QFile::exists(download))
         return false;
     if (!QDir(kPersistentDirectory).exists()) {
         LOG4CPLUS_ERROR(logger, "The persistent Orvello directory does not exist: " << kPersistentDirectory);
         return false;
     }
+    *verified = LibraryFiles::readRecord(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD));
+    const QString checksum = verified->checksum();
+    if (checksum.isEmpty()) {
+        LOG4CPLUS_ERROR(logger, "Not installing " << download
+                                                  << ": it has not passed verification; it stays where it is and the "
+                                                     "installed library is kept");
+        return false;
+    }
+    if (m_failedInstalls.contains(checksum)) {
+        LOG4CPLUS_INFO(logger, "Not installing version " << verified->version()
+                                                         << " again: its install failed earlier; the installed library "
+                                                            "is kept until a restart or another verified download");
+        return false;
+    }
+    if (m_rolledBack.contains(checksum) || LibraryFiles::readRecord(kRejectedRecord).checksum() == checksum) {
+        LOG4CPLUS_INFO(logger, "Not installing version " << verified->version() << " again: it did not load on this "
+                                                         << "device and was rolled back; the installed library is kept");
+        return false;
+    }
+    return true;
+}
+
+bool OPlayerLib::hasInstallableUpdate()
+{
+    VraxOrvelloVersionInfo verified;
+    return pendingUpdate(&verified);
+}
+
+bool OPlayerLib::update()
+{
+    VraxOrvelloVersionInfo verified;
+    if (!pendingUpdate(&verified))
+        return false;
+    const QString download = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
     unload();
-    if (QFile::exists(kInstalledLibrary) && !QFile::remove(kInstalledLibrary))
-        LOG4CPLUS_ERROR(logger, "Failed to delete old library binary: " << kInstalledLibrary);
-    if (!QFile::rename(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST), kInstalledLibrary))
+
+    // Written aside and renamed over the installed copy, so a power cut leaves the old or the
+    // new library there, never part of one.
+    QByteArray digest;
+    QString error;
+    bool installed = LibraryFiles::copyDurably(download, kNewLibrary, &digest, &error);
+    if (installed && QString::fromLatin1(digest.toHex()) != verified.checksum()) {
+        QFile::remove(kNewLibrary);
+        LOG4CPLUS_ERROR(logger, "Not installing " << download
+                                                  << ": it is not the file that passed verification; it stays where it "
+                                                     "is and the installed library is kept");
+        load();
+        return ok();
+    }
+    // The installed copy keeps a second name until the new one has loaded. One that is there
+    // already is the last copy that loaded, and stays.
+    if (installed && QFile::exists(kInstalledLibrary) && !QFile::exists(kPreviousLibrary))
+        installed = LibraryFiles::addName(kInstalledLibrary, kPreviousLibrary, &error);
+    if (installed)
+        installed = LibraryFiles::replace(kNewLibrary, kInstalledLibrary, &error);
+    if (!installed) {
+        QFile::remove(kNewLibrary);
+        m_failedInstalls.insert(verified.checksum());
         LOG4CPLUS_ERROR(logger, "Failed to move updated library binary to location: " << kInstalledLibrary);
+        LOG4CPLUS_WARN(logger, "Installing version " << verified.version() << " failed (" << error
+                                                     << "); loading the installed library again, and this download is "
+                                                        "not installed again before a restart or another verified download");
+        load();
+        return ok();
+    }
+    QFile::remove(download);
+    QFile::remove(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD));
+
+    m_installing = true;
+    m_installingVersion = verified.version();
     load();
+    m_installing = false;
+    m_installingVersion.clear();
     return ok();
 }

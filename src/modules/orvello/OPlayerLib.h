@@ -7,11 +7,13 @@
 #include "model/cmrequest.h"
 
 #include <QObject>
+#include <QSet>
 #include <QString>
 
 #include <cstddef>
 
 class QLibrary;
+class VraxOrvelloVersionInfo;
 
 // The device settings the player library is created from; filled by the worker.
 struct oplayer_init_params
@@ -46,7 +48,9 @@ public:
     // The bridge; valid for the host's whole life, across reloads.
     OPlayerPlaybackApi* playbackApi();
 
-    // Walks the search list until a library loads, resolves and creates an instance.
+    // Walks the search list until a library loads, resolves and creates an instance. A file
+    // that is not a complete shared object for this machine is skipped without being opened.
+    // An installed copy that has not loaded yet and fails is replaced by the previous one.
     void load();
     // Closes the library file last opened; the instance, if any, is not touched.
     void unload();
@@ -64,10 +68,15 @@ public:
     // One poll of a pairing attempt; re-schedules itself every 100 ms until the outcome is known.
     void doPairLoop(CMReply<QVariant> reply);
 
-    // Moves a finished download into the persistent directory and loads again. False when
-    // nothing was waiting or the persistent directory is missing; else ok() after the reload.
-    // The library's loop must have ended.
+    // Installs a verified download into the persistent directory (durably, keeping the previous
+    // copy until the new one has loaded) and loads again. False, changing nothing, when nothing
+    // installable waits (see hasInstallableUpdate); else ok() after the reload. The library's
+    // loop must have ended.
     bool update();
+    // Whether update() would install the waiting download: it passed verification, and it
+    // neither failed to install earlier in this process nor was rolled back on this device.
+    // Logs why not.
+    bool hasInstallableUpdate();
 
 Q_SIGNALS:
     // The library instance has been destroyed at the end of its loop.
@@ -77,6 +86,15 @@ private:
     // Destroys the instance and detaches the bridge from it.
     void destroyInstance();
 
+    // One path of load(): true when it runs an instance.
+    bool loadFrom(const QString& path);
+    // The installed copy has loaded: its previous copy is not needed any more.
+    void keepInstalled();
+    // The installed copy that has not loaded yet failed: puts the previous copy back (or removes
+    // the failed one when there is none) and remembers its checksum, also across restarts.
+    bool rollBack(QString* error);
+    bool pendingUpdate(VraxOrvelloVersionInfo* verified);
+
     QLibrary* m_library;
     oplayer_init_params m_params;
     const oplayer_api* m_api;
@@ -84,6 +102,13 @@ private:
     const oplayer_pairing_api* m_pairingApi;
     oplayer_create_params m_createParams;
     OPlayerPlaybackApi m_playbackApi;
+    QString m_runningVersion;
+    // Set while update() loads what it has just installed.
+    bool m_installing;
+    QString m_installingVersion;
+    // Checksums of downloads not to install again: failed to install, did not load.
+    QSet<QString> m_failedInstalls;
+    QSet<QString> m_rolledBack;
 };
 
 // The token store handed to the library in the creation record; callable from any thread.

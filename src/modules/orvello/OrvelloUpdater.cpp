@@ -1,5 +1,6 @@
 #include "OrvelloUpdater.h"
 
+#include "LibraryFiles.h"
 #include "OrvelloLogging.h"
 
 #include "crypto/cryptohash.h"
@@ -33,6 +34,7 @@ OrvelloUpdater::OrvelloUpdater()
     , m_httpClient(new HttpClient(this, HttpClient::Http1_1, true))
     , m_checkTimer(new QTimer(this))
     , m_url()
+    , m_download()
 {
     m_url = VraxUrl::fromEncoded(platformValue(VraxOrvelloVersionUrl()).string_());
     if (m_url.isEmpty()) {
@@ -94,6 +96,11 @@ void OrvelloUpdater::check()
             LOG4CPLUS_INFO(logger, "Version " << info.version() << " already on the device, ignoring...");
             return;
         }
+        if (downloadRunning()) {
+            LOG4CPLUS_DEBUG(logger, "A library download is still running, not starting another for version "
+                                        << info.version());
+            return;
+        }
         LOG4CPLUS_INFO(logger, "Downloading version " << info.version());
         downloadLibrary(info.link()).onSuccess(this, [this, info](const bool& downloaded) {
             if (!downloaded) {
@@ -101,11 +108,21 @@ void OrvelloUpdater::check()
                 return;
             }
             LOG4CPLUS_INFO(logger, "Completed downloading new OVM library version.");
-            if (verifyDownloadedLib(info)) {
-                Q_EMIT updateFinished();
+            const QString record = QString::fromLatin1(TMP_DOWNLOAD_RECORD);
+            if (!verifyDownloadedLib(info)) {
+                QFile::remove(record);
+                LOG4CPLUS_ERROR(logger, "Failed to verify downlaoded library");
                 return;
             }
-            LOG4CPLUS_ERROR(logger, "Failed to verify downlaoded library");
+            QString error;
+            if (!LibraryFiles::writeRecord(record, info.version(), info.checksum(), &error)) {
+                QFile::remove(record);
+                LOG4CPLUS_ERROR(logger, "Cannot record the verified download of version "
+                                            << info.version() << " (" << error
+                                            << "), so it will not be installed; trying again at the next check");
+                return;
+            }
+            Q_EMIT updateFinished();
         });
     });
 }
@@ -114,6 +131,11 @@ CMReply<bool> OrvelloUpdater::downloadLibrary(const QString& url)
 {
     ORVELLO_ENTER_ARG(logger, "url: '" << url);
     CMReply<bool> reply;
+    if (downloadRunning()) {
+        LOG4CPLUS_ERROR(logger, "A library download is still running, not starting another from " << url);
+        reply.setValue(false);
+        return reply;
+    }
     HttpClientOptions options;
     options.setReadSizeLimit(kDownloadSizeLimit);
     options.setImmediateRead(true);
@@ -125,6 +147,7 @@ CMReply<bool> OrvelloUpdater::downloadLibrary(const QString& url)
         reply.setValue(false);
         return reply;
     }
+    m_download = reply;
     m_httpClient->get(VraxUrl::fromEncoded(url), options, [reply, file](const HttpClientResult& result) mutable {
         if (reply.isFinished())
             return;
@@ -163,6 +186,11 @@ CMReply<bool> OrvelloUpdater::downloadLibrary(const QString& url)
         }
     });
     return reply;
+}
+
+bool OrvelloUpdater::downloadRunning() const
+{
+    return m_download && !m_download->isFinished();
 }
 
 bool OrvelloUpdater::verifyDownloadedLib(const VraxOrvelloVersionInfo& info)

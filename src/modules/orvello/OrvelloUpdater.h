@@ -7,6 +7,8 @@
 #include <QObject>
 #include <QString>
 
+#include <optional>
+
 class HttpClient;
 class QTimer;
 
@@ -18,6 +20,10 @@ class QTimer;
 // second leaves it idle for its whole life. Lives on the worker's thread; every callback and
 // the timer run there. Owns its HTTP client and timer (children); destroying the updater
 // drops any fetch or download under way without a callback.
+//
+// One download at a time: a check that finds one still running starts none. A download that
+// verifies is recorded in TMP_DOWNLOAD_RECORD (its version and checksum); the library host
+// installs nothing else.
 class OrvelloUpdater : public QObject
 {
     Q_OBJECT
@@ -25,6 +31,9 @@ public:
     // Scratch directory (prepared by the worker) and the file a verified download is left in.
     static constexpr char TMP_DOWNLOAD_PATH[] = "/tmp/orvello";
     static constexpr char TMP_DOWNLOAD_DEST[] = "/tmp/orvello/liboplayer-1.so";
+    // The version and checksum TMP_DOWNLOAD_DEST verified against (LibraryFiles::readRecord);
+    // absent while the file there has not passed verification.
+    static constexpr char TMP_DOWNLOAD_RECORD[] = "/tmp/orvello/liboplayer-1.so.verified";
 
     OrvelloUpdater();
     ~OrvelloUpdater() override;
@@ -37,16 +46,18 @@ public:
     // TMP_DOWNLOAD_DEST. The copy does not overwrite: a file already standing there stays and
     // the reply is true all the same. Answered once: true when the transfer completed, false
     // on any failure (the ".tmp" file is then removed). Answered before return when the
-    // temporary file cannot be opened.
+    // temporary file cannot be opened, and with false when another download is still running
+    // (its ".tmp" file is left alone).
     CMReply<bool> downloadLibrary(const QString& url);
+    bool downloadRunning() const;
 
     // True when the SHA-256 of TMP_DOWNLOAD_DEST, as lowercase hex, equals info.checksum()
     // exactly. Reads the file synchronously; a missing file gives false.
     bool verifyDownloadedLib(const VraxOrvelloVersionInfo& info);
 
 Q_SIGNALS:
-    // A newer library is at TMP_DOWNLOAD_DEST and verified. Emitted again at every check for
-    // as long as the running version stays older than the offered one.
+    // A newer library is at TMP_DOWNLOAD_DEST, verified and recorded. Emitted again at every
+    // check for as long as the running version stays older than the offered one.
     void updateFinished();
 
 private Q_SLOTS:
@@ -56,4 +67,5 @@ private:
     HttpClient* m_httpClient;
     QTimer* m_checkTimer;
     VraxUrl m_url;
+    std::optional<CMReply<bool>> m_download;
 };

@@ -7,16 +7,23 @@
 #include "OrvelloUpdater.h"
 
 #include "model/cmnode.h"
+#include "play/vraxplaylogicdata.h"
 #include "vrax/vraxconnect.h"
 #include "vrax/vraxpaths.h"
 
 #include <QDir>
 #include <QFileInfo>
+#include <QTimer>
+
+#include <algorithm>
 
 namespace {
 log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
 
 const QString kScratchDirectory = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH);
+
+constexpr int kFirstRetrySeconds = 1;
+constexpr int kLongestRetrySeconds = 60;
 
 VraxHash setting(const CMPath& path)
 {
@@ -117,12 +124,59 @@ void OrvelloWorker::on_setPairingCode_activated(const CMSetDataRequest& request)
 
 void OrvelloWorker::on_updater_updateFinished()
 {
+    if (!m_oplayerLib->hasInstallableUpdate())
+        return;
+    if (!m_oplayerLib->ok()) {
+        LOG4CPLUS_INFO(logger, "No player library is running, so the verified update is installed now");
+        m_oplayerLib->update();
+        retryUnlessRunning();
+        return;
+    }
     m_oplayerLib->requestExit();
 }
 
 void OrvelloWorker::on_lib_endOfLoop()
 {
     m_oplayerLib->update();
+    retryUnlessRunning();
+}
+
+void OrvelloWorker::retryUnlessRunning()
+{
+    if (m_oplayerLib->ok()) {
+        if (m_retryTimer)
+            m_retryTimer->stop();
+        m_retryAttempt = 0;
+        return;
+    }
+    if (m_playLogic->data().state() != VraxPlayLogicData::Stopped)
+        m_playLogic->stop();
+    if (!m_retryTimer) {
+        m_retryTimer = new QTimer(this);
+        m_retryTimer->setSingleShot(true);
+        vraxConnect(m_retryTimer, &QTimer::timeout, this, &OrvelloWorker::on_retryTimer_timeout);
+    }
+    if (m_retryTimer->isActive())
+        return;
+    LOG4CPLUS_WARN(logger, "No player library is running; searching the library list again in " << kFirstRetrySeconds
+                                                                                                 << " s");
+    m_retryAttempt = 0;
+    m_retryTimer->start(kFirstRetrySeconds * 1000);
+}
+
+void OrvelloWorker::on_retryTimer_timeout()
+{
+    ++m_retryAttempt;
+    const int next = std::min(kLongestRetrySeconds, kFirstRetrySeconds << std::min(m_retryAttempt, 6));
+    LOG4CPLUS_INFO(logger, "Searching the library list again (attempt " << m_retryAttempt
+                                                                         << "); if no library loads, the next attempt follows in "
+                                                                         << next << " s");
+    m_oplayerLib->load();
+    if (m_oplayerLib->ok()) {
+        m_retryAttempt = 0;
+        return;
+    }
+    m_retryTimer->start(next * 1000);
 }
 
 bool OrvelloWorker::prepareDirectory(const QString& path) const

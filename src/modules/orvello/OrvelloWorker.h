@@ -12,11 +12,13 @@ class OPlayerLib;
 class OrvelloPlayLogic;
 class OrvelloUI;
 class OrvelloUpdater;
+class QTimer;
 
 // The module's worker: publishes the service's page, the player library's version node and
 // the pairing action, and starts the player library, the play logic and the updater once the
 // device is paired or a pairing code has been entered. A verified library update is swapped
-// in at the end of the current song.
+// in at the end of the current song. While no library runs after that, the library list is
+// searched again with a growing pause (1 s up to 60 s) and the play logic claims nothing.
 // Created by worker_create and deleted by the platform, on the platform's main thread.
 class OrvelloWorker : public CMNodesWorker
 {
@@ -36,10 +38,13 @@ public:
     // Handler of the pairing action (queued): initialises if needed, then pairs with the code
     // in the request; the request's reply gets the outcome.
     void on_setPairingCode_activated(const CMSetDataRequest& request);
-    // A verified library update waits: let the library finish the current song.
+    // A verified library update waits: let the library finish the current song (or install it
+    // at once when no library runs). Nothing happens for a download the host would not install.
     void on_updater_updateFinished();
     // The library's loop has ended: install the update and load the library again.
     void on_lib_endOfLoop();
+    // One more search of the library list while none runs.
+    void on_retryTimer_timeout();
 
 private:
     bool m_initialized;
@@ -48,4 +53,10 @@ private:
     OrvelloUpdater* m_updater;
     OPlayerLib* m_oplayerLib;
     OrvelloPlayLogic* m_playLogic;
+
+    // After a reload: stops the play logic and schedules a search when no library runs.
+    void retryUnlessRunning();
+
+    QTimer* m_retryTimer = nullptr;
+    int m_retryAttempt = 0;
 };
