@@ -12,6 +12,7 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QSet>
 #include <QThread>
 #include <QTime>
@@ -132,10 +133,15 @@ int main(int argc, char** argv)
         return fail(QStringLiteral("the device did not come up unpaired:\n") + rig.hostLog().join(QLatin1Char('\n')));
     say(QStringLiteral("device"), QStringLiteral("not paired yet, waiting for a pairing code"));
 
+    // The reference library's note when it finds where its station was.
+    static const QRegularExpression kWentOn(
+        QStringLiteral("^oplayer-ref: track \\d+ of \\d+ \\(\"(.*)\"\\) played last; going on with track \\d+ \\(\"(.*)\"\\)$"));
     QStringList versions{QStringLiteral("1.0.0")};
     QSet<QString> seenLog;
     int logLinesSeen = 0;
     qint64 swappedAt = -1;
+    QString acrossSwap; // "before" -> "after", from the new library's note
+    qint64 lastStampAt = 0; // the player library's notes carry no time: they get their neighbour's
     // Narrates what the device's log says, in the log's order and with its times.
     auto drainLog = [&] {
         const QStringList log = rig.hostLog();
@@ -147,7 +153,8 @@ int main(int argc, char** argv)
                 seenLog.insert(key);
                 return true;
             };
-            const qint64 at = logTime(line);
+            const bool stamped = QTime::fromString(line.left(12), QStringLiteral("HH:mm:ss.zzz")).isValid();
+            const qint64 at = stamped ? (lastStampAt = logTime(line)) : lastStampAt;
             if (line.contains(QLatin1String("Pairing successful"))) {
                 const QString deviceId = rig.get(QStringLiteral("/api/value?path=settings/orvello/deviceId"))
                                              .body.value(QStringLiteral("value")).toObject()
@@ -163,6 +170,16 @@ int main(int argc, char** argv)
                     QStringLiteral("downloaded and verified; the swap waits for the end of the current track"), at);
             } else if (line.contains(QLatin1String("End of oplayer main loop"))) {
                 say(QStringLiteral("update"), QStringLiteral("track finished: player library unloaded, installing the new one"), at);
+            } else if (line.startsWith(QLatin1String("oplayer-ref: no position in "))) {
+                say(QStringLiteral("library"), QStringLiteral("nothing played here before: the station starts at its first track"), at);
+            } else if (const QRegularExpressionMatch wentOn = kWentOn.match(line); wentOn.hasMatch()) {
+                acrossSwap = QStringLiteral("\"%1\" -> \"%2\"").arg(wentOn.captured(1), wentOn.captured(2));
+                say(QStringLiteral("library"),
+                    wentOn.captured(1) == wentOn.captured(2)
+                        ? QStringLiteral("played \"%1\" last and starts it again").arg(wentOn.captured(1))
+                        : QStringLiteral("\"%1\" played last on the old library; the station goes on with \"%2\"")
+                              .arg(wentOn.captured(1), wentOn.captured(2)),
+                    at);
             } else if (line.contains(QLatin1String("Running SDK version: "))) {
                 const QString version = line.section(QStringLiteral("Running SDK version: "), 1).trimmed();
                 if (version != versions.last()) {
@@ -241,6 +258,8 @@ int main(int argc, char** argv)
     trackList.sort();
     std::printf("  tracks          %lld: %s\n", static_cast<long long>(trackList.size()), qPrintable(trackList.join(QStringLiteral(", "))));
     std::printf("  library         %s\n", qPrintable(versions.join(QStringLiteral(" -> "))));
+    std::printf("  across the swap %s\n", acrossSwap.isEmpty() ? "the new library did not say where the station was"
+                                                               : qPrintable(acrossSwap));
     std::printf("  underruns       %d\n", pipeline.value(QStringLiteral("underruns")).toInt());
     std::printf("  sequences       %d\n", pipeline.value(QStringLiteral("sequences")).toInt());
     return code == 0 && versions.size() == 2 ? 0 : 1;

@@ -5,7 +5,10 @@
  *
  * Threads: the host's thread calls the entry table; one audio thread per instance pushes PCM
  * and makes every call into the host's audio table. All state is guarded by one mutex, which
- * is never held while calling the host.
+ * is never held while calling the host or writing a file.
+ *
+ * The station's position (the track it is on) is kept in the cache directory, so a new
+ * instance, after an update swap or a restart, goes on with the next track.
  */
 #define _GNU_SOURCE
 #include "oplayer/oplayer.h"
@@ -18,6 +21,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -41,6 +45,7 @@ enum {
 #define IDLE_WAIT_NS 10000000L   /* longest run_once waits for work */
 #define PAIRING_DELAY_NS 1000000000L
 #define TOKEN_MAX 4096
+#define POSITION_FILE "oplayer-ref-position"
 
 struct oplayer {
     oplayer_audio_api* audio;
@@ -49,6 +54,8 @@ struct oplayer {
     void (*save_token)(const char* token);
     ref_station station;
     int trace_fd; /* OPLAYER_REF_TRACE, or -1 */
+    char* position_file; /* null without a cache directory */
+    int position_unsaved; /* audio thread only: the last write failed */
 
     pthread_mutex_t mutex;
     pthread_cond_t cond; /* every state change is broadcast on it */
@@ -68,6 +75,7 @@ struct oplayer {
     int quit;
 
     int current;
+    int position_to_save;        /* track index to write to the position file, or -1 */
     unsigned long long consumed; /* samples of the current track taken by the host */
     long long last_second;
     int new_data;
@@ -134,9 +142,129 @@ static void goto_track(oplayer* p, int index)
 {
     int count = p->station.count;
     p->current = ((index % count) + count) % count;
+    p->position_to_save = p->current;
     p->consumed = 0;
     p->last_second = 0;
     p->new_data = 1;
+}
+
+/* mkdir -p: every missing directory of path, with mode 0755. */
+static int make_directories(const char* path)
+{
+    char* copy = strdup(path);
+    char* slash;
+    int result = 0;
+    if (!copy)
+        return ENOMEM;
+    for (slash = strchr(copy + 1, '/'); result == 0; slash = strchr(slash + 1, '/')) {
+        if (slash)
+            *slash = '\0';
+        if (mkdir(copy, 0755) != 0 && errno != EEXIST)
+            result = errno;
+        if (!slash)
+            break;
+        *slash = '/';
+    }
+    free(copy);
+    return result;
+}
+
+/* Reads where the station was and sets the track to go on with; a station without a usable
+ * position starts at its first track. Notes on standard error say which. */
+static void load_position(oplayer* p, const char* cache_dir)
+{
+    char text[64];
+    char expected[64];
+    int track = 0;
+    int count = 0;
+    size_t length;
+    FILE* file;
+    int error;
+
+    if (!cache_dir || !cache_dir[0]) {
+        fprintf(stderr, "oplayer-ref: no cache directory; starting at the first track, the position is not kept\n");
+        return;
+    }
+    error = make_directories(cache_dir);
+    if (error != 0) {
+        fprintf(stderr, "oplayer-ref: cannot create the cache directory %s: %s; starting at the first track, "
+                        "the position is not kept\n", cache_dir, strerror(error));
+        return;
+    }
+    if (asprintf(&p->position_file, "%s/%s", cache_dir, POSITION_FILE) < 0) {
+        p->position_file = NULL;
+        fprintf(stderr, "oplayer-ref: out of memory; starting at the first track, the position is not kept\n");
+        return;
+    }
+    file = fopen(p->position_file, "re");
+    if (!file) {
+        if (errno == ENOENT)
+            fprintf(stderr, "oplayer-ref: no position in %s yet; starting at the first track\n", cache_dir);
+        else
+            fprintf(stderr, "oplayer-ref: cannot read %s: %s; starting at the first track\n", p->position_file,
+                    strerror(errno));
+        return;
+    }
+    length = fread(text, 1, sizeof(text) - 1, file);
+    error = ferror(file) ? errno : 0;
+    fclose(file);
+    text[length] = '\0';
+    if (error != 0) {
+        fprintf(stderr, "oplayer-ref: cannot read %s: %s; starting at the first track\n", p->position_file,
+                strerror(error));
+        return;
+    }
+    /* Only what save_position writes counts: "track N of M" and a newline, nothing else. */
+    if (sscanf(text, "track %d of %d", &track, &count) != 2
+        || snprintf(expected, sizeof(expected), "track %d of %d\n", track, count) != (int)length
+        || memcmp(expected, text, length) != 0) {
+        fprintf(stderr, "oplayer-ref: %s is damaged; starting at the first track\n", p->position_file);
+        return;
+    }
+    if (count != p->station.count || track < 1 || track > count) {
+        fprintf(stderr, "oplayer-ref: %s names track %d of %d, this station has %d tracks; starting at the first track\n",
+                p->position_file, track, count, p->station.count);
+        return;
+    }
+    p->current = track % count;
+    fprintf(stderr, "oplayer-ref: track %d of %d (\"%s\") played last; going on with track %d (\"%s\")\n", track, count,
+            p->station.tracks[track - 1].title, p->current + 1, p->station.tracks[p->current].title);
+}
+
+/* Audio thread, without the mutex. Written to a new file that then replaces the old one, so a
+ * power cut leaves the old position or the new one, never a part. */
+static void save_position(oplayer* p, int index)
+{
+    char* temporary = NULL;
+    char text[64];
+    int length;
+    int fd = -1;
+    int error = 0;
+
+    if (!p->position_file)
+        return;
+    length = snprintf(text, sizeof(text), "track %d of %d\n", index + 1, p->station.count);
+    errno = 0;
+    if (asprintf(&temporary, "%s.XXXXXX", p->position_file) < 0) {
+        temporary = NULL;
+        error = ENOMEM;
+    } else if ((fd = mkostemp(temporary, O_CLOEXEC)) < 0 || fchmod(fd, 0644) != 0
+               || write(fd, text, (size_t)length) != length || fsync(fd) != 0) {
+        error = errno ? errno : EIO;
+    }
+    if (fd >= 0 && close(fd) != 0 && error == 0)
+        error = errno;
+    if (error == 0 && rename(temporary, p->position_file) != 0)
+        error = errno;
+    if (error != 0 && fd >= 0)
+        unlink(temporary);
+    free(temporary);
+    if (error != 0 && !p->position_unsaved)
+        fprintf(stderr, "oplayer-ref: cannot keep the position in %s: %s; playing on\n", p->position_file,
+                strerror(error));
+    else if (error == 0 && p->position_unsaved)
+        fprintf(stderr, "oplayer-ref: the position is kept in %s again\n", p->position_file);
+    p->position_unsaved = error != 0;
 }
 
 /* Called with the mutex held; fills at most CHUNK_FRAMES frames from the frame holding the
@@ -187,6 +315,7 @@ static void* audio_thread(void* arg)
             break;
         if (p->start_requested && !p->started && !p->loop_ended) {
             p->started = 1;
+            p->position_to_save = p->current;
             p->paused = 0;
             p->pause_to_announce = -1;
             p->new_data = 1;
@@ -211,6 +340,14 @@ static void* audio_thread(void* arg)
             p->volume_to_announce = -1;
             pthread_mutex_unlock(&p->mutex);
             audio->volume_changed(audio, volume);
+            pthread_mutex_lock(&p->mutex);
+            continue;
+        }
+        if (p->position_to_save >= 0) {
+            int index = p->position_to_save;
+            p->position_to_save = -1;
+            pthread_mutex_unlock(&p->mutex);
+            save_position(p, index);
             pthread_mutex_lock(&p->mutex);
             continue;
         }
@@ -281,6 +418,7 @@ static void free_instance(oplayer* p)
     if (p->trace_fd >= 0)
         close(p->trace_fd);
     ref_station_free(&p->station);
+    free(p->position_file);
     free(p->pairing_code);
     pthread_cond_destroy(&p->cond);
     pthread_mutex_destroy(&p->mutex);
@@ -321,6 +459,7 @@ static int ref_create(oplayer_create_params params, oplayer** player)
     p->rate = params.output_sample_rate;
     p->save_token = params.save_token;
     p->pause_to_announce = -1;
+    p->position_to_save = -1;
     p->volume = 80;
     p->volume_to_announce = -1;
     p->trace_fd = -1;
@@ -337,6 +476,7 @@ static int ref_create(oplayer_create_params params, oplayer** player)
         return result == ENOMEM ? REF_ERR_NO_MEMORY : REF_ERR_ENVIRONMENT;
     }
     p->new_data = 1;
+    load_position(p, params.cache_dir);
 
     trace_path = getenv("OPLAYER_REF_TRACE");
     if (trace_path && trace_path[0]) {

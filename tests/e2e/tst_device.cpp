@@ -6,12 +6,14 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <sndfile.h>
 
 #include <cmath>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -26,6 +28,7 @@ QVariantHash baseSettings(const DeviceRig& rig)
             {QStringLiteral("settings/orvello/outputSampleRate"), 44100},
             {QStringLiteral("settings/orvello/outputChannels"), 2},
             {QStringLiteral("settings/orvello/cacheEnabled"), true},
+            {QStringLiteral("settings/orvello/cacheDir"), rig.workDir() + QStringLiteral("/cache")},
             {QStringLiteral("settings/orvello/provisioningVendorId"), QStringLiteral("vendor-e2e")},
             {QStringLiteral("settings/system/serialNumber"), QStringLiteral("SN-E2E")},
             {QStringLiteral("settings/system/productName"), QStringLiteral("E2E Amp")}};
@@ -170,27 +173,32 @@ void TestDevice::loadFailureIsAnsweredAndRetried()
     QCOMPARE(rig.stopHost(), 0);
 }
 
-// The library plays a known file in a loop; across the swap to 1.1.0 the pipeline must receive
-// whole copies of it: a lost or repeated piece of the track would shift everything after it.
+// The library plays a station of two known files, a then b, in a loop; across the swap to 1.1.0
+// the pipeline must receive whole tracks in that order: a lost or repeated piece of a track
+// would shift everything after it, and a new library that started the station again after a
+// would play a twice.
 void TestDevice::updateSwapLosesNoAudio()
 {
     DeviceRig& rig = *m_rig;
     const int rate = 44100;
     const int channels = 2;
-    const int frames = rate / 4;
-    std::vector<short> source(std::size_t(frames) * channels);
-    for (std::size_t i = 0; i < source.size(); ++i)
-        source[i] = short(std::lround(20000 * std::sin(double(i) * 0.0137) + (i % 7) * 13));
     const QString music = m_dir->path() + QStringLiteral("/music");
     QVERIFY(QDir().mkpath(music));
-    SF_INFO info = {};
-    info.samplerate = rate;
-    info.channels = channels;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-    SNDFILE* file = sf_open(qPrintable(music + QStringLiteral("/track.wav")), SFM_WRITE, &info);
-    QVERIFY(file);
-    sf_writef_short(file, source.data(), frames);
-    sf_close(file);
+    std::vector<short> source; // a then b
+    for (const auto& [name, frames, step] : {std::tuple{"a", rate / 4, 0.0137}, std::tuple{"b", rate / 5, 0.0291}}) {
+        std::vector<short> track(std::size_t(frames) * channels);
+        for (std::size_t i = 0; i < track.size(); ++i)
+            track[i] = short(std::lround(20000 * std::sin(double(i) * step) + (i % 7) * 13));
+        SF_INFO info = {};
+        info.samplerate = rate;
+        info.channels = channels;
+        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+        SNDFILE* file = sf_open(qPrintable(music + QStringLiteral("/%1.wav").arg(QLatin1String(name))), SFM_WRITE, &info);
+        QVERIFY(file);
+        QCOMPARE(sf_writef_short(file, track.data(), frames), sf_count_t(frames));
+        sf_close(file);
+        source.insert(source.end(), track.begin(), track.end());
+    }
 
     QVERIFY(installLibrary(rig, OPLAYER_REF_1_0_0));
     QString error;
@@ -206,6 +214,10 @@ void TestDevice::updateSwapLosesNoAudio()
     QTRY_VERIFY_WITH_TIMEOUT(pipelineBytes(rig) > atSwap + source.size() * 2 * 3, 15000);
     QCOMPARE(rig.stopHost(), 0);
     QCOMPARE(rig.hostLog().filter(QStringLiteral("End of oplayer main loop, cleaning up")).size(), 1);
+    // Only the library that came in with the swap found a position to go on from.
+    const QStringList wentOn = rig.hostLog().filter(QRegularExpression(QStringLiteral(
+        "^oplayer-ref: track [12] of 2 \\(\"[ab]\\.wav\"\\) played last; going on with track [12] \\(\"[ab]\\.wav\"\\)$")));
+    QVERIFY2(wentOn.size() == 1, qPrintable(rig.hostLog().filter(QStringLiteral("oplayer-ref:")).join(QLatin1Char('\n'))));
 
     SF_INFO written = {};
     SNDFILE* out = sf_open(qPrintable(wav), SFM_READ, &written);

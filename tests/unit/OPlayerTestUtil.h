@@ -59,7 +59,8 @@ inline oplayer_init_params initParams()
 {
     oplayer_init_params params;
     params.maxBandwidthKbps = 0x1234;
-    params.cacheDir = QStringLiteral("/var/cache/orvello");
+    // Relative: inside the test's own working directory; the reference library writes there.
+    params.cacheDir = QStringLiteral("cache");
     params.cacheMaxMb = 300;
     params.cacheRemainMb = 50;
     params.outputSampleRate = 44100;

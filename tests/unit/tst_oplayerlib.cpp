@@ -290,7 +290,7 @@ private Q_SLOTS:
         QCOMPARE(i32(36), 50);
         QCOMPARE(i32(40), 2);     // channels first in the C record
         QCOMPARE(i32(44), 44100); // then the rate
-        QCOMPARE(QByteArray(text(0)), QByteArray("/var/cache/orvello"));
+        QCOMPARE(QByteArray(text(0)), QByteArray("cache"));
         QCOMPARE(QByteArray(text(1)), QByteArray("SN-0042"));
         QCOMPARE(QByteArray(text(2)), QByteArray("Vrax Test Amp")); // product before secret
         QCOMPARE(QByteArray(text(3)), QByteArray("vendor-secret"));

@@ -10,8 +10,12 @@
 #include "vrax/vraxpaths.h"
 
 #include <QLibrary>
+#include <QRegularExpression>
 #include <QSignalSpy>
+#include <QTemporaryFile>
 #include <QTest>
+
+#include <unistd.h>
 
 using namespace oplayertest;
 
@@ -20,6 +24,48 @@ QString setting(const CMPath& path)
 {
     return VraxHash(CMRoot()->getValue(path).toHash()).string_();
 }
+
+const QStringList kStation{QStringLiteral("Morning Light"), QStringLiteral("Quiet Aisles"),
+                           QStringLiteral("Coffee Break"), QStringLiteral("Closing Time")};
+const QString kPositionFile = QStringLiteral("cache/oplayer-ref-position");
+
+QString titleOf(const QList<QVariant>& dataChanged)
+{
+    return dataChanged.at(0).value<VraxStreamerData>().trackRoles().title().toString();
+}
+
+QByteArray fileContent(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// The library's notes on standard error, read back while they are written.
+class StderrCapture
+{
+public:
+    StderrCapture()
+    {
+        if (m_file.open()) {
+            std::fflush(stderr);
+            m_saved = dup(STDERR_FILENO);
+            dup2(m_file.handle(), STDERR_FILENO);
+        }
+    }
+    ~StderrCapture()
+    {
+        if (m_saved >= 0) {
+            std::fflush(stderr);
+            dup2(m_saved, STDERR_FILENO);
+            close(m_saved);
+        }
+    }
+    QString text() const { return QString::fromUtf8(fileContent(m_file.fileName())); }
+
+private:
+    QTemporaryFile m_file;
+    int m_saved = -1;
+};
 
 // Collects the bridge's pause and volume signals on the test's thread (they are emitted on the
 // library's audio thread).
@@ -229,6 +275,95 @@ private Q_SLOTS:
         stopLibrary(lib);
     }
 
+    // Where the station goes on from, with what the library says about it.
+    void goesOnWhereTheStationWas_data()
+    {
+        QTest::addColumn<QString>("cacheDir");
+        QTest::addColumn<QByteArray>("stored"); // null: no position file; "<dir>": a directory in its place
+        QTest::addColumn<QString>("firstTitle");
+        QTest::addColumn<QStringList>("notes");
+        QTest::addColumn<QByteArray>("saved"); // the position file once playback started; null: none
+
+        const QString first = kStation.first();
+        QTest::newRow("no cache directory")
+            << QString() << QByteArray() << first
+            << QStringList{"oplayer-ref: no cache directory; starting at the first track, the position is not kept"}
+            << QByteArray();
+        QTest::newRow("first start") << "cache" << QByteArray() << first
+                                     << QStringList{"oplayer-ref: no position in cache yet; starting at the first track"}
+                                     << QByteArray("track 1 of 4\n");
+        QTest::newRow("after the second track")
+            << "cache" << QByteArray("track 2 of 4\n") << kStation.at(2)
+            << QStringList{"oplayer-ref: track 2 of 4 (\"Quiet Aisles\") played last; going on with track 3 (\"Coffee Break\")"}
+            << QByteArray("track 3 of 4\n");
+        QTest::newRow("after the last track")
+            << "cache" << QByteArray("track 4 of 4\n") << first
+            << QStringList{"oplayer-ref: track 4 of 4 (\"Closing Time\") played last; going on with track 1 (\"Morning Light\")"}
+            << QByteArray("track 1 of 4\n");
+        QTest::newRow("damaged") << "cache" << QByteArray("track two\n") << first
+                                 << QStringList{"oplayer-ref: cache/oplayer-ref-position is damaged; starting at the first track"}
+                                 << QByteArray("track 1 of 4\n");
+        QTest::newRow("text after the position")
+            << "cache" << QByteArray("track 2 of 4\nx") << first
+            << QStringList{"oplayer-ref: cache/oplayer-ref-position is damaged; starting at the first track"}
+            << QByteArray("track 1 of 4\n");
+        QTest::newRow("another station")
+            << "cache" << QByteArray("track 5 of 9\n") << first
+            << QStringList{"oplayer-ref: cache/oplayer-ref-position names track 5 of 9, this station has 4 tracks; "
+                           "starting at the first track"}
+            << QByteArray("track 1 of 4\n");
+        QTest::newRow("unreadable, and no place to write")
+            << "cache" << QByteArray("<dir>") << first
+            << QStringList{"oplayer-ref: cannot read cache/oplayer-ref-position: Is a directory; starting at the first track",
+                           "oplayer-ref: cannot keep the position in cache/oplayer-ref-position: Is a directory; playing on"}
+            << QByteArray();
+        QTest::newRow("cache directory cannot be made")
+            << "settings.json/cache" << QByteArray() << first
+            << QStringList{"oplayer-ref: cannot create the cache directory settings.json/cache: Not a directory; "
+                           "starting at the first track, the position is not kept"}
+            << QByteArray();
+    }
+
+    void goesOnWhereTheStationWas()
+    {
+        QFETCH(QString, cacheDir);
+        QFETCH(QByteArray, stored);
+        QFETCH(QString, firstTitle);
+        QFETCH(QStringList, notes);
+        QFETCH(QByteArray, saved);
+        TestPlatform platform;
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        if (stored == "<dir>") {
+            QVERIFY(QDir().mkpath(kPositionFile));
+        } else if (!stored.isNull()) {
+            QVERIFY(QDir().mkpath(QStringLiteral("cache")));
+            QFile file(kPositionFile);
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(stored) == stored.size());
+        }
+        oplayer_init_params params = initParams();
+        params.cacheDir = cacheDir;
+
+        StderrCapture written;
+        OPlayerLib lib(params);
+        QVERIFY(lib.ok());
+        AudioSink sink(lib.playbackApi(), 4096); // stays in the first track
+        QSignalSpy data(lib.playbackApi(), &OPlayerPlaybackApi::dataChanged);
+        QVERIFY(lib.playbackApi()->resume());
+        QTRY_VERIFY(sink.consumed == 4096);
+        QTRY_VERIFY(!data.isEmpty());
+        QCOMPARE(titleOf(data.last()), firstTitle);
+        for (const QString& note : notes)
+            QTRY_VERIFY2(written.text().contains(note + QLatin1Char('\n')), qPrintable(written.text()));
+        if (saved.isNull())
+            QVERIFY(!QFileInfo(kPositionFile).isFile());
+        else
+            QTRY_COMPARE(fileContent(kPositionFile), saved);
+        QVERIFY(lib.playbackApi()->pause()); // the song would never end for a sink that takes nothing
+        stopLibrary(lib);
+        QCOMPARE(QDir(QStringLiteral("cache")).entryList({QStringLiteral("oplayer-ref-position.*")}, QDir::Files),
+                 QStringList()); // no temporary file left behind
+    }
+
     void updateSwapsVersionsAtEndOfSong()
     {
         TestPlatform platform;
@@ -243,7 +378,13 @@ private Q_SLOTS:
 
         QVERIFY(placeVerifiedDownload(QStringLiteral(OPLAYER_REF_1_1_0)));
         bool updated = false;
-        connect(&lib, &OPlayerLib::endOfLoop, this, [&]() { updated = lib.update(); });
+        QString endedWith;
+        QSignalSpy data(lib.playbackApi(), &OPlayerPlaybackApi::dataChanged);
+        connect(&lib, &OPlayerLib::endOfLoop, this, [&]() {
+            endedWith = QString::fromLatin1(fileContent(kPositionFile));
+            data.clear();
+            updated = lib.update();
+        });
         LogCapture log;
         lib.requestExit();
         QTRY_VERIFY_WITH_TIMEOUT(updated, 10000);
@@ -259,8 +400,18 @@ private Q_SLOTS:
         QVERIFY(installed.readAll() == built.readAll());
         QVERIFY(log.contains(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Running SDK version: 1.1.0")));
 
+        // Checked once the library is stopped: a failure before that would leave it running.
+        const bool published = QTest::qWaitFor([&] { return !data.isEmpty(); });
+        const QString firstAfterSwap = published ? titleOf(data.first()) : QString();
+
         lib.disconnect(this);
         stopLibrary(lib);
+
+        // The new version goes on with the track after the one the old one finished.
+        QVERIFY(published);
+        QRegularExpressionMatch ended = QRegularExpression(QStringLiteral("^track ([1-4]) of 4\n$")).match(endedWith);
+        QVERIFY2(ended.hasMatch(), qPrintable(endedWith));
+        QCOMPARE(firstAfterSwap, kStation.at(ended.captured(1).toInt() % 4));
     }
 };
 

@@ -8,6 +8,8 @@
 #include <QJsonObject>
 #include <QJsonParseError>
 
+#include <algorithm>
+
 VraxUrl VraxUrl::fromEncoded(const QByteArray& encoded)
 {
     return VraxUrl(QUrl::fromEncoded(encoded.trimmed(), QUrl::TolerantMode));
@@ -40,9 +42,11 @@ QVariant VraxJson::parse(const QByteArray& json, VraxError& error, unsigned int*
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
     if (parseError.error != QJsonParseError::NoError) {
-        error = VraxError(QStringLiteral("%1 at offset %2").arg(parseError.errorString()).arg(parseError.offset));
+        // Qt places an unterminated string one past the end of the text.
+        const int offset = std::min(parseError.offset, json.size());
+        error = VraxError(QStringLiteral("%1 at offset %2").arg(parseError.errorString()).arg(offset));
         if (errorOffset)
-            *errorOffset = static_cast<unsigned int>(parseError.offset);
+            *errorOffset = static_cast<unsigned int>(offset);
         return QVariant();
     }
     error.clear();
