@@ -50,7 +50,31 @@ void ControlApi::Response::error(int status, const QString& message)
     m_promise.set_value({status, errorBody(message)});
 }
 
-ControlApi::ControlApi(QObject* context) : m_context(context), m_server(std::make_unique<httplib::Server>())
+void ControlApi::Dispatcher::post(std::function<void()> job)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_jobs.push_back(std::move(job));
+    }
+    QCoreApplication::postEvent(this, new QEvent(QEvent::User));
+}
+
+bool ControlApi::Dispatcher::event(QEvent* event)
+{
+    if (event->type() != QEvent::User)
+        return QObject::event(event);
+    std::deque<std::function<void()>> jobs;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        jobs.swap(m_jobs);
+    }
+    for (const std::function<void()>& job : jobs)
+        job();
+    return true;
+}
+
+ControlApi::ControlApi(QObject* context)
+    : m_dispatcher(new Dispatcher(context)), m_server(std::make_unique<httplib::Server>())
 {
     // One listener per port: without SO_REUSEPORT a second host on a busy port fails to bind.
     m_server->set_socket_options([](int sock) {
@@ -136,8 +160,7 @@ void ControlApi::serve(const Handler& handler, const std::string& body, const ht
             request.body = doc.object();
     }
     if (!response->m_answered) {
-        QMetaObject::invokeMethod(m_context, [handler, request, response] { handler(request, response); },
-                                  Qt::QueuedConnection);
+        m_dispatcher->post([handler, request, response] { handler(request, response); });
     }
     if (answer.wait_for(kAnswerTimeout) != std::future_status::ready)
         response->error(504, QStringLiteral("the device did not answer in time"));
@@ -203,8 +226,7 @@ void ControlApi::events(const char* path, EventHub* hub, std::function<QList<Eve
         // state changes published on that thread are then neither lost nor seen twice.
         auto opened = std::make_shared<std::promise<std::shared_ptr<EventHub::Subscription>>>();
         std::future<std::shared_ptr<EventHub::Subscription>> subscription = opened->get_future();
-        QMetaObject::invokeMethod(m_context, [hub, snapshot, opened] { opened->set_value(hub->subscribe(snapshot())); },
-                                  Qt::QueuedConnection);
+        m_dispatcher->post([hub, snapshot, opened] { opened->set_value(hub->subscribe(snapshot())); });
         if (subscription.wait_for(kAnswerTimeout) != std::future_status::ready) {
             setError(response, 504, QStringLiteral("the device did not answer in time"));
             return;

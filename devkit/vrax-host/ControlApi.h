@@ -10,9 +10,11 @@
 #include <QString>
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
@@ -56,6 +58,7 @@ public:
     };
     using Handler = std::function<void(const Request&, const std::shared_ptr<Response>&)>;
 
+    // Create it on the context's thread.
     explicit ControlApi(QObject* context);
     ~ControlApi();
 
@@ -79,6 +82,24 @@ public:
     void stop();
 
 private:
+    // Runs jobs on the context's thread. The hand-over goes through a mutex of ours rather than
+    // through Qt's queued functors, whose reference counting happens inside libQt5Core, where
+    // TSan cannot see it (it then takes the functor's deletion for a race).
+    class Dispatcher : public QObject
+    {
+    public:
+        explicit Dispatcher(QObject* context) : QObject(context) {}
+        // Any thread.
+        void post(std::function<void()> job);
+
+    protected:
+        bool event(QEvent* event) override;
+
+    private:
+        std::mutex m_mutex;
+        std::deque<std::function<void()>> m_jobs;
+    };
+
     void route(bool post, const char* pattern, Handler handler);
     void serve(const Handler& handler, const std::string& body, const httplib::Request& httpRequest,
                httplib::Response& httpResponse);
@@ -86,7 +107,7 @@ private:
     // GET and POST routes by pattern, to tell a wrong method (405) from an unknown path (404).
     std::vector<std::string> allowedMethods(const std::string& path) const;
 
-    QObject* m_context;
+    Dispatcher* m_dispatcher; // a child of the context
     std::vector<std::pair<std::string, std::regex>> m_routes;
     std::vector<EventHub*> m_hubs;
     std::unique_ptr<httplib::Server> m_server;
