@@ -19,7 +19,7 @@ constexpr auto kAnswerTimeout = std::chrono::seconds(30);
 // An idle event stream sends a comment this often, so a page that went away frees its thread.
 constexpr auto kKeepAlive = std::chrono::seconds(5);
 // A browser keeps idle connections open; each holds a server thread, and stop() waits for them.
-constexpr time_t kKeepAliveTimeoutSeconds = 2;
+constexpr time_t kKeepAliveTimeoutSeconds = 1;
 constexpr std::size_t kMaxBody = 1 << 20;
 
 QByteArray errorBody(const QString& message)
