@@ -21,6 +21,7 @@ constexpr auto kKeepAlive = std::chrono::seconds(5);
 // A browser keeps idle connections open; each holds a server thread, and stop() waits for them.
 constexpr time_t kKeepAliveTimeoutSeconds = 1;
 constexpr std::size_t kMaxBody = 1 << 20;
+constexpr int kListenBacklog = 64;
 
 QByteArray errorBody(const QString& message)
 {
@@ -77,9 +78,10 @@ ControlApi::ControlApi(QObject* context)
     : m_dispatcher(new Dispatcher(context)), m_server(std::make_unique<httplib::Server>())
 {
     // One listener per port: without SO_REUSEPORT a second host on a busy port fails to bind.
-    m_server->set_socket_options([](int sock) {
+    m_server->set_socket_options([this](int sock) {
         int yes = 1;
         setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+        m_listenSocket = sock;
     });
     m_server->new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
     m_server->set_keep_alive_timeout(kKeepAliveTimeoutSeconds);
@@ -274,6 +276,11 @@ bool ControlApi::listen(int port, QString* error)
         }
         m_port = port;
     }
+    // The server listens with a backlog of 5: a page opening its files and event stream at once
+    // beside other clients overflows it, and a connection refused there is retried by the
+    // client's TCP only a second later.
+    if (m_listenSocket >= 0)
+        ::listen(m_listenSocket, kListenBacklog);
     m_serving = true;
     m_thread = std::thread([this] {
         m_server->listen_after_bind();

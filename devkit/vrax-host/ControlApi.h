@@ -114,4 +114,5 @@ private:
     std::thread m_thread;
     std::atomic<bool> m_serving{false};
     int m_port = 0;
+    int m_listenSocket = -1;
 };
