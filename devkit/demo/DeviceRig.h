@@ -50,6 +50,8 @@ public:
                    const QStringList& env, QString* error);
     // Command-line arguments added to those of the next startHost (for example --trace FILE).
     void setExtraHostArguments(const QStringList& arguments) { m_extraHostArguments = arguments; }
+    // The running host's control port (its web page is at /), 0 before it started.
+    int controlPort() const { return m_controlPort; }
     // SIGTERM and wait; the host's exit code, or -1 when it did not end in time or crashed.
     int stopHost();
     bool hostRunning() const;

@@ -19,12 +19,14 @@
 
 #include <algorithm>
 
+#include <csignal>
 #include <cstdio>
 
 namespace {
 
 QElapsedTimer s_clock;
 QTime s_startTime;
+volatile std::sig_atomic_t s_interrupted = 0;
 
 void say(const QString& who, const QString& what, qint64 atMs = -1)
 {
@@ -80,7 +82,10 @@ int main(int argc, char** argv)
                                        QStringLiteral("Seconds to keep playing on the new library."),
                                        QStringLiteral("SECONDS"), QStringLiteral("8"));
     const QCommandLineOption alsa(QStringLiteral("alsa"), QStringLiteral("Play through ALSA instead of writing a WAV file."));
-    parser.addOptions({workDir, trackSeconds, afterSwap, alsa});
+    const QCommandLineOption keepRunning(QStringLiteral("keep-running"),
+                                         QStringLiteral("Leave the device playing after the demo, for its web page; "
+                                                        "Ctrl-C stops everything."));
+    parser.addOptions({workDir, trackSeconds, afterSwap, alsa, keepRunning});
     parser.process(app);
     bool ok = false;
     const double track = parser.value(trackSeconds).toDouble(&ok);
@@ -128,6 +133,7 @@ int main(int argc, char** argv)
                        {QStringLiteral("OPLAYER_REF_TRACK_SECONDS=%1").arg(track)}, &error))
         return fail(error);
     say(QStringLiteral("device"), QStringLiteral("started with player library 1.0.0 in its developer build tree"));
+    say(QStringLiteral("device"), QStringLiteral("its page: http://127.0.0.1:%1/ (open it in a browser)").arg(rig.controlPort()));
 
     if (!rig.waitForLog(QStringLiteral("Waiting for pairing code before initializing.."), 10000))
         return fail(QStringLiteral("the device did not come up unpaired:\n") + rig.hostLog().join(QLatin1Char('\n')));
@@ -247,6 +253,19 @@ int main(int argc, char** argv)
     }
 
     const QJsonObject pipeline = rig.get(QStringLiteral("/api/pipeline")).body;
+    if (parser.isSet(keepRunning)) {
+        // The terminal's Ctrl-C reaches the host and the service too; they stop by themselves.
+        std::signal(SIGINT, [](int) { s_interrupted = 1; });
+        std::signal(SIGTERM, [](int) { s_interrupted = 1; });
+        say(QStringLiteral("device"), QStringLiteral("keeps playing; its page is http://127.0.0.1:%1/, Ctrl-C stops everything")
+                                          .arg(rig.controlPort()));
+        while (!s_interrupted && rig.hostRunning()) {
+            rig.hostLog(); // keeps reading the host's log, so it never blocks on a full pipe
+            QThread::msleep(100);
+        }
+        if (!s_interrupted)
+            return fail(QStringLiteral("the device stopped unexpectedly:\n") + rig.hostLog().join(QLatin1Char('\n')));
+    }
     const int code = rig.stopHost();
     say(QStringLiteral("device"), QStringLiteral("stopped (exit code %1)").arg(code));
 

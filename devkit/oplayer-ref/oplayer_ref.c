@@ -68,6 +68,8 @@ struct oplayer {
     int pause_to_announce;  /* -1: nothing to announce */
     int volume;
     int volume_to_announce; /* -1: nothing to announce */
+    int remote_volume;      /* OPLAYER_REF_REMOTE_VOLUME still to come, or -1 */
+    unsigned long long remote_volume_at; /* after this many samples played */
     int skip_request;
     int exit_mode;          /* 0: none */
     int loop_ended;
@@ -77,6 +79,7 @@ struct oplayer {
     int current;
     int position_to_save;        /* track index to write to the position file, or -1 */
     unsigned long long consumed; /* samples of the current track taken by the host */
+    unsigned long long played;   /* samples of every track taken by the host */
     long long last_second;
     int new_data;
 
@@ -401,6 +404,14 @@ static void* audio_thread(void* arg)
         }
         offset += taken;
         p->consumed += taken;
+        p->played += taken;
+        if (p->remote_volume >= 0 && p->played >= p->remote_volume_at) {
+            if (p->remote_volume != p->volume) {
+                p->volume = p->remote_volume;
+                p->volume_to_announce = p->volume;
+            }
+            p->remote_volume = -1;
+        }
         long long second = (long long)(p->consumed / ((unsigned long long)p->channels * (unsigned long long)p->rate));
         if (second != p->last_second) {
             p->last_second = second;
@@ -423,6 +434,37 @@ static void free_instance(oplayer* p)
     pthread_cond_destroy(&p->cond);
     pthread_mutex_destroy(&p->mutex);
     free(p);
+}
+
+/* OPLAYER_REF_REMOTE_VOLUME=SECONDS:VOLUME: the volume change that the service makes from its
+ * side (its owner moving the volume in the service's own app), after SECONDS of playback. */
+static int read_remote_volume(oplayer* p)
+{
+    const char* text = getenv("OPLAYER_REF_REMOTE_VOLUME");
+    const char* volume_text;
+    char* end;
+    double seconds;
+    long volume;
+    p->remote_volume = -1;
+    if (!text || !text[0])
+        return 0;
+    errno = 0;
+    seconds = strtod(text, &end);
+    if (end == text || *end != ':' || errno != 0 || !(seconds >= 0.0 && seconds <= 3600.0))
+        goto bad;
+    volume_text = end + 1;
+    volume = strtol(volume_text, &end, 10);
+    if (end == volume_text || *end != '\0' || errno != 0 || volume < 0 || volume > 100)
+        goto bad;
+    p->remote_volume = (int)volume;
+    p->remote_volume_at = (unsigned long long)(seconds * p->rate) * (unsigned long long)p->channels;
+    return 0;
+bad:
+    fprintf(stderr,
+            "oplayer-ref: OPLAYER_REF_REMOTE_VOLUME takes SECONDS:VOLUME (seconds of playback from 0 to 3600, "
+            "a volume from 0 to 100), not '%s'\n",
+            text);
+    return -1;
 }
 
 static int ref_create(oplayer_create_params params, oplayer** player)
@@ -477,6 +519,11 @@ static int ref_create(oplayer_create_params params, oplayer** player)
     }
     p->new_data = 1;
     load_position(p, params.cache_dir);
+
+    if (read_remote_volume(p) != 0) {
+        free_instance(p);
+        return REF_ERR_ENVIRONMENT;
+    }
 
     trace_path = getenv("OPLAYER_REF_TRACE");
     if (trace_path && trace_path[0]) {

@@ -1,5 +1,9 @@
 #include "Host.h"
 
+#include "DeviceEvents.h"
+#include "DeviceState.h"
+#include "LogTail.h"
+
 #include "model/cmnode.h"
 #include "model/cmworker.h"
 #include "vrax/vraxpaths.h"
@@ -11,8 +15,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonArray>
 #include <QJsonDocument>
+
+#include <log4cplus/logger.h>
 
 #include <chrono>
 
@@ -28,11 +33,6 @@ bool traceEvent(const QString& file, const char* event)
     const QByteArray line = QByteArray::number(qint64(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()))
                             + ' ' + event + '\n';
     return trace.write(line) == line.size();
-}
-
-QJsonValue jsonOf(const QVariant& value)
-{
-    return QJsonValue::fromVariant(value);
 }
 
 QJsonObject errorJson(const CMError& error)
@@ -68,14 +68,22 @@ void answerWith(const CMVoidReply& reply, const std::shared_ptr<ControlApi::Resp
         }
         QJsonObject body{{QStringLiteral("ok"), true}};
         if (valueReply.value().isValid())
-            body.insert(QStringLiteral("value"), jsonOf(valueReply.value()));
+            body.insert(QStringLiteral("value"), QJsonValue::fromVariant(valueReply.value()));
         response->send(200, body);
     });
 }
 
+// Log lines kept for a page that opens later, and events a page may fall behind by before its
+// stream is ended (it reconnects to a fresh snapshot).
+constexpr int kLogLines = 200;
+constexpr std::size_t kMaxQueuedEvents = 2000;
+
 } // namespace
 
-Host::Host(const HostOptions& options) : m_options(options), m_api(this) {}
+Host::Host(const HostOptions& options)
+    : m_options(options), m_hub(ControlApi::kMaxEventStreams, kLogLines, kMaxQueuedEvents), m_api(this)
+{
+}
 
 Host::~Host()
 {
@@ -113,6 +121,9 @@ bool Host::start(QString* error)
     }
     m_player = std::make_unique<vrax::DevicePlayer>(
         sinkSpec, m_options.pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast : vrax::AudioPace::Realtime);
+    m_events = std::make_unique<DeviceEvents>(m_platform.get(), m_player.get(), m_options.pace, &m_hub);
+    m_logTail = log4cplus::SharedAppenderPtr(new LogTail(&m_hub));
+    log4cplus::Logger::getRoot().addAppender(m_logTail);
     if (!m_options.traceFile.isEmpty()) {
         if (!traceEvent(m_options.traceFile, "host_start")) {
             *error = QStringLiteral("cannot write the trace file %1").arg(m_options.traceFile);
@@ -122,26 +133,29 @@ bool Host::start(QString* error)
     }
 
     addRoutes();
-    if (!m_api.listen(m_options.controlPort, error))
+    if (!addPage(error) || !m_api.listen(m_options.controlPort, error)) {
+        stop();
         return false;
+    }
 
     m_module.setFileName(m_options.modulePath);
     m_module.setLoadHints(QLibrary::ResolveAllSymbolsHint);
     if (!m_module.load()) {
         *error = QStringLiteral("cannot load the module %1: %2").arg(m_options.modulePath, m_module.errorString());
-        m_api.stop();
+        stop();
         return false;
     }
     auto create = reinterpret_cast<CMWorkerCreateFunction>(m_module.resolve("worker_create"));
     if (!create) {
         *error = QStringLiteral("the module %1 has no worker_create entry").arg(m_options.modulePath);
-        m_api.stop();
+        stop();
         return false;
     }
     const QVariantHash config;
     if (!m_options.traceFile.isEmpty())
         traceEvent(m_options.traceFile, "worker_create");
     m_worker = create(nullptr, &config);
+    m_events->watch(m_worker);
     return true;
 }
 
@@ -150,41 +164,41 @@ void Host::stop()
     m_api.stop();
     delete m_worker;
     m_worker = nullptr;
+    m_events.reset();
     m_player.reset();
+    if (m_logTail) {
+        log4cplus::Logger::getRoot().removeAppender(m_logTail);
+        m_logTail->close();
+        m_logTail = nullptr;
+    }
 }
 
-QJsonObject Host::describeNode(const CMNode* node) const
+bool Host::addPage(QString* error)
 {
-    QJsonObject json{{QStringLiteral("path"), node->path().toString()}};
-    if (auto* ui = qobject_cast<const CMUINode*>(node))
-        json.insert(QStringLiteral("title"), ui->title().toString());
-    if (auto* value = qobject_cast<const CMValueNode*>(node)) {
-        json.insert(QStringLiteral("kind"), QStringLiteral("value"));
-        json.insert(QStringLiteral("value"), jsonOf(value->value().toVariant()));
-    } else if (auto* list = qobject_cast<const CMListRowsNode*>(node)) {
-        QJsonArray rows;
-        for (const CMPath& row : list->rows())
-            rows.append(row.toString());
-        json.insert(QStringLiteral("kind"), QStringLiteral("list"));
-        json.insert(QStringLiteral("rows"), rows);
-    } else if (qobject_cast<const CMActivateNode*>(node)) {
-        json.insert(QStringLiteral("kind"), QStringLiteral("action"));
-    } else {
-        json.insert(QStringLiteral("kind"), QStringLiteral("node"));
+    const struct
+    {
+        const char* path;
+        const char* resource;
+        const char* type;
+    } files[] = {{"/", ":/web/index.html", "text/html; charset=utf-8"},
+                 {"/app.js", ":/web/app.js", "text/javascript; charset=utf-8"},
+                 {"/style.css", ":/web/style.css", "text/css; charset=utf-8"}};
+    for (const auto& file : files) {
+        QFile resource(QString::fromLatin1(file.resource));
+        if (!resource.open(QIODevice::ReadOnly)) {
+            *error = QStringLiteral("the device page's %1 is missing from this build").arg(QString::fromLatin1(file.resource));
+            return false;
+        }
+        m_api.file(file.path, resource.readAll(), file.type);
     }
-    return json;
+    m_api.events("/api/events", &m_hub, [this] { return m_events->snapshot(); });
+    return true;
 }
 
 void Host::addRoutes()
 {
     m_api.get("/api/nodes", [this](const ControlApi::Request&, const std::shared_ptr<ControlApi::Response>& response) {
-        QList<CMPath> paths = m_platform->nodePaths();
-        std::sort(paths.begin(), paths.end());
-        QJsonArray nodes;
-        for (const CMPath& path : paths)
-            if (const CMNode* node = m_platform->node(path))
-                nodes.append(describeNode(node));
-        response->send(200, QJsonObject{{QStringLiteral("nodes"), nodes}});
+        response->send(200, QJsonObject{{QStringLiteral("nodes"), deviceState::nodes(*m_platform)}});
     });
 
     m_api.get("/api/value", [](const ControlApi::Request& request, const std::shared_ptr<ControlApi::Response>& response) {
@@ -194,7 +208,7 @@ void Host::addRoutes()
             return;
         }
         response->send(200, QJsonObject{{QStringLiteral("path"), path},
-                                        {QStringLiteral("value"), jsonOf(CMRoot()->getValue(CMPath(path)))}});
+                                        {QStringLiteral("value"), QJsonValue::fromVariant(CMRoot()->getValue(CMPath(path)))}});
     });
 
     // POST {"path", "value"} handed to the platform; the platform reply's outcome is the answer.
@@ -229,20 +243,8 @@ void Host::addRoutes()
 
     m_api.get("/api/playlogic", [](const ControlApi::Request& request,
                                    const std::shared_ptr<ControlApi::Response>& response) {
-        const QString path = request.query.value(QStringLiteral("path"), VraxOrvelloPlayLogicPath().toString());
-        const QVariantHash data = CMRoot()->getValue(CMPath(path)).toHash();
-        const QVariantHash roles = data.value(QStringLiteral("trackRoles")).toHash();
-        const QVariantHash meta = roles.value(QStringLiteral("mediaData")).toHash().value(QStringLiteral("metaData")).toHash();
-        response->send(200, QJsonObject{
-            {QStringLiteral("path"), path},
-            {QStringLiteral("exists"), !data.isEmpty()},
-            {QStringLiteral("state"), data.value(QStringLiteral("state")).toInt()},
-            {QStringLiteral("title"), roles.value(QStringLiteral("title")).toString()},
-            {QStringLiteral("artist"), meta.value(QStringLiteral("artist")).toString()},
-            {QStringLiteral("album"), meta.value(QStringLiteral("album")).toString()},
-            {QStringLiteral("icon"), roles.value(QStringLiteral("icon")).toString()},
-            {QStringLiteral("duration"), data.value(QStringLiteral("status")).toHash().value(QStringLiteral("duration")).toLongLong()},
-            {QStringLiteral("playTime"), data.value(QStringLiteral("playTime")).toLongLong()}});
+        response->send(200, deviceState::playLogic(
+                                request.query.value(QStringLiteral("path"), VraxOrvelloPlayLogicPath().toString())));
     });
 
     m_api.post("/api/player/(play|pause|stop)", [this](const ControlApi::Request& request,
@@ -253,15 +255,11 @@ void Host::addRoutes()
         answerWith(reply, response);
     });
 
-    auto volumeJson = [] {
-        const vrax::SystemVolume& volume = vrax::SystemVolume::instance();
-        return QJsonObject{{QStringLiteral("volume"), volume.volume()}, {QStringLiteral("muted"), volume.muted()}};
-    };
-    m_api.get("/api/volume", [volumeJson](const ControlApi::Request&, const std::shared_ptr<ControlApi::Response>& response) {
-        response->send(200, volumeJson());
+    m_api.get("/api/volume", [](const ControlApi::Request&, const std::shared_ptr<ControlApi::Response>& response) {
+        response->send(200, deviceState::volume());
     });
-    m_api.post("/api/volume", [volumeJson](const ControlApi::Request& request,
-                                           const std::shared_ptr<ControlApi::Response>& response) {
+    m_api.post("/api/volume", [](const ControlApi::Request& request,
+                                 const std::shared_ptr<ControlApi::Response>& response) {
         const QJsonValue volume = request.body.value(QStringLiteral("volume"));
         const QJsonValue muted = request.body.value(QStringLiteral("muted"));
         if ((!volume.isUndefined() && (!volume.isDouble() || volume.toDouble() != volume.toInt() || volume.toInt() < 0
@@ -274,27 +272,10 @@ void Host::addRoutes()
             vrax::SystemVolume::instance().setVolume(volume.toInt());
         if (!muted.isUndefined())
             vrax::SystemVolume::instance().setMuted(muted.toBool());
-        response->send(200, volumeJson());
+        response->send(200, deviceState::volume());
     });
 
     m_api.get("/api/pipeline", [this](const ControlApi::Request&, const std::shared_ptr<ControlApi::Response>& response) {
-        const vrax::AudioPipeline* pipeline = m_player->pipeline();
-        const vrax::AudioPipelineCounters counters = pipeline ? pipeline->counters() : vrax::AudioPipelineCounters();
-        const double bytesPerSecond = double(counters.format.sampleRate()) * counters.format.channels() * 2;
-        response->send(200, QJsonObject{
-            {QStringLiteral("socket"), pipeline ? QString::fromStdString(pipeline->socketPath()) : QString()},
-            {QStringLiteral("listening"), pipeline && pipeline->isListening()},
-            {QStringLiteral("senderConnected"), counters.senderConnected},
-            {QStringLiteral("bytes"), double(counters.bytes)},
-            {QStringLiteral("seconds"), bytesPerSecond > 0 ? double(counters.bytes) / bytesPerSecond : 0.0},
-            {QStringLiteral("sequences"), double(counters.sequences)},
-            {QStringLiteral("flushes"), double(counters.flushes)},
-            {QStringLiteral("underruns"), double(counters.underruns)},
-            {QStringLiteral("connections"), double(counters.connections)},
-            {QStringLiteral("sampleRate"), counters.format.sampleRate()},
-            {QStringLiteral("channels"), counters.format.channels()},
-            {QStringLiteral("pace"), QString::fromLatin1(vrax::AudioPipeline::toString(
-                                         m_options.pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast
-                                                                                   : vrax::AudioPace::Realtime))}});
+        response->send(200, deviceState::pipeline(*m_player, m_options.pace));
     });
 }

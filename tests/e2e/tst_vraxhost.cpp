@@ -1,15 +1,68 @@
-// vrax-host as scripts use it: refusals at start with their exit status and message, and a
-// clean exit on SIGINT and SIGTERM.
+// vrax-host as scripts and browsers use it: refusals at start with their exit status and
+// message, the control API's answers to requests as people type them, and a clean exit on SIGINT
+// and SIGTERM with pages open.
 #include "ChildProcesses.h"
 
 #include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
+#include <memory>
+#include <vector>
+
+namespace {
+
+// Starts vrax-host with the module on a fresh data directory; its control port, 0 on failure.
+int startHost(QProcess* host, const QTemporaryDir& dir)
+{
+    host->start(QStringLiteral(VRAX_HOST_PATH), {QStringLiteral("--module"), QStringLiteral(ORVELLO_MODULE_PATH),
+                                                 QStringLiteral("--data-dir"), dir.filePath(QStringLiteral("data")),
+                                                 QStringLiteral("--pace"), QStringLiteral("fast")});
+    if (!host->waitForReadyRead(20000))
+        return 0;
+    const QByteArray line = host->readLine().trimmed();
+    const QByteArray prefix = "control API listening on 127.0.0.1:";
+    return line.startsWith(prefix) ? line.mid(prefix.size()).toInt() : 0;
+}
+
+struct HttpAnswer
+{
+    int status = 0;
+    QByteArray head;
+    QByteArray body;
+};
+
+// Sends a request exactly as written (curl -X POST sends no body and no Content-Length) and
+// reads the answer to the end of the connection.
+HttpAnswer rawRequest(int port, const QByteArray& request)
+{
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress::LocalHost, quint16(port));
+    HttpAnswer answer;
+    if (!socket.waitForConnected(5000))
+        return answer;
+    socket.write(request);
+    QByteArray all;
+    while (socket.state() == QAbstractSocket::ConnectedState && socket.waitForReadyRead(20000))
+        all += socket.readAll();
+    all += socket.readAll();
+    const int end = all.indexOf("\r\n\r\n");
+    if (end < 0)
+        return answer;
+    answer.head = all.left(end);
+    answer.body = all.mid(end + 4);
+    answer.status = answer.head.mid(9, 3).toInt();
+    return answer;
+}
+
+} // namespace
 
 class TestVraxHost : public QObject
 {
@@ -18,8 +71,17 @@ private Q_SLOTS:
     void initTestCase() { SKIP_WITHOUT_CHILD_PROCESSES(); }
     void refusesToStart_data();
     void refusesToStart();
+    void controlApiAnswers_data();
+    void controlApiAnswers();
     void stopsCleanlyOnSignal_data();
     void stopsCleanlyOnSignal();
+    void cleanupTestCase();
+
+private:
+    // One host answers all of controlApiAnswers' requests; none of them changes its state.
+    QTemporaryDir m_dir;
+    QProcess m_host;
+    int m_port = 0;
 };
 
 void TestVraxHost::refusesToStart_data()
@@ -75,6 +137,69 @@ void TestVraxHost::refusesToStart()
     QVERIFY(host.readAllStandardOutput().isEmpty()); // never claims to listen
 }
 
+void TestVraxHost::controlApiAnswers_data()
+{
+    QTest::addColumn<QByteArray>("request"); // without the Host and Connection lines
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("expected"); // in the error's message, or in the body of a success
+    QTest::addColumn<QByteArray>("header");
+    QTest::newRow("POST without a body") << QByteArray("POST /api/player/stop HTTP/1.1") << 200
+                                         << QStringLiteral("{\"ok\":true}") << QByteArray();
+    QTest::newRow("POST with an empty body") << QByteArray("POST /api/player/stop HTTP/1.1\r\nContent-Length: 0") << 200
+                                             << QStringLiteral("{\"ok\":true}") << QByteArray();
+    QTest::newRow("POST without a body reaches the player") << QByteArray("POST /api/player/pause HTTP/1.1") << 422
+                                                            << QStringLiteral("Nothing is playing") << QByteArray();
+    QTest::newRow("POST without a body needs fields") << QByteArray("POST /api/value HTTP/1.1") << 400
+                                                      << QStringLiteral("the body needs a \"path\" string") << QByteArray();
+    QTest::newRow("body not JSON") << QByteArray("POST /api/volume HTTP/1.1\r\nContent-Length: 8\r\n\r\nvolume=3") << 400
+                                   << QStringLiteral("the body must be a JSON object") << QByteArray();
+    QTest::newRow("unknown path") << QByteArray("GET /api/nothing HTTP/1.1") << 404
+                                  << QStringLiteral("there is nothing at /api/nothing") << QByteArray();
+    QTest::newRow("GET of a POST route") << QByteArray("GET /api/player/pause HTTP/1.1") << 405
+                                         << QStringLiteral("/api/player/pause takes POST, not GET") << QByteArray("Allow: POST");
+    QTest::newRow("DELETE of the volume") << QByteArray("DELETE /api/volume HTTP/1.1") << 405
+                                          << QStringLiteral("/api/volume takes GET, POST, not DELETE")
+                                          << QByteArray("Allow: GET, POST");
+    QTest::newRow("the page") << QByteArray("GET / HTTP/1.1") << 200 << QStringLiteral("<title>Vrax device</title>")
+                              << QByteArray("Content-Type: text/html");
+}
+
+void TestVraxHost::controlApiAnswers()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(int, status);
+    QFETCH(QString, expected);
+    QFETCH(QByteArray, header);
+    if (m_port == 0)
+        m_port = startHost(&m_host, m_dir);
+    QVERIFY(m_port > 0);
+    const int split = request.indexOf("\r\n\r\n");
+    const QByteArray head = split < 0 ? request : request.left(split);
+    const QByteArray body = split < 0 ? QByteArray() : request.mid(split + 4);
+    const HttpAnswer answer = rawRequest(m_port, head + "\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n" + body);
+    QCOMPARE(answer.status, status);
+    if (!header.isEmpty())
+        QVERIFY2(answer.head.contains(header), answer.head.constData());
+    if (status >= 400) {
+        QVERIFY2(answer.head.contains("Content-Type: application/json"), answer.head.constData());
+        const QJsonObject json = QJsonDocument::fromJson(answer.body).object();
+        QCOMPARE(json.value(QStringLiteral("ok")).toBool(true), false);
+        QCOMPARE(json.value(QStringLiteral("error")).toObject().value(QStringLiteral("message")).toString(), expected);
+    } else {
+        QVERIFY2(answer.body.contains(expected.toUtf8()), answer.body.constData());
+    }
+}
+
+void TestVraxHost::cleanupTestCase()
+{
+    if (m_host.state() == QProcess::NotRunning)
+        return;
+    ::kill(pid_t(m_host.processId()), SIGTERM);
+    QVERIFY(m_host.waitForFinished(20000));
+    QCOMPARE(m_host.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(m_host.exitCode(), 0);
+}
+
 void TestVraxHost::stopsCleanlyOnSignal_data()
 {
     QTest::addColumn<int>("signal");
@@ -82,16 +207,45 @@ void TestVraxHost::stopsCleanlyOnSignal_data()
     QTest::newRow("SIGINT") << int(SIGINT);
 }
 
+// Open pages hold event streams (and server threads) until the host stops; the stop ends them.
 void TestVraxHost::stopsCleanlyOnSignal()
 {
     QFETCH(int, signal);
     QTemporaryDir dir;
     QProcess host;
-    host.start(QStringLiteral(VRAX_HOST_PATH), {QStringLiteral("--module"), QStringLiteral(ORVELLO_MODULE_PATH),
-                                                QStringLiteral("--data-dir"), dir.filePath(QStringLiteral("data"))});
-    QVERIFY(host.waitForReadyRead(20000));
-    QVERIFY(host.readLine().startsWith("control API listening on 127.0.0.1:"));
+    const int port = startHost(&host, dir);
+    QVERIFY(port > 0);
     QVERIFY(QFile::exists(dir.filePath(QStringLiteral("data"))));
+
+    constexpr int kPages = 8; // as many as the host serves at once
+    std::vector<std::unique_ptr<QTcpSocket>> pages;
+    for (int i = 0; i <= kPages; ++i) {
+        pages.push_back(std::make_unique<QTcpSocket>());
+        pages.back()->connectToHost(QHostAddress::LocalHost, quint16(port));
+        QVERIFY(pages.back()->waitForConnected(5000));
+        pages.back()->write("GET /api/events HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        QVERIFY(pages.back()->waitForBytesWritten(5000));
+    }
+    // The server takes the connections in no particular order: any one of them is the ninth.
+    int streams = 0;
+    QByteArray refused;
+    for (const auto& page : pages) {
+        QByteArray seen;
+        while (!seen.contains("Waiting for pairing code") && !(seen.startsWith("HTTP/1.1 503") && seen.endsWith("}"))
+               && page->waitForReadyRead(10000))
+            seen += page->readAll();
+        if (seen.startsWith("HTTP/1.1 503")) {
+            refused = seen;
+            continue;
+        }
+        QVERIFY2(seen.contains("Content-Type: text/event-stream"), seen.constData());
+        QVERIFY2(seen.contains("event: hello\n") && seen.contains("\"title\":\"Orvello Streams\""), seen.constData());
+        QVERIFY2(seen.contains("Waiting for pairing code before initializing.."), seen.constData());
+        ++streams;
+    }
+    QCOMPARE(streams, kPages);
+    QVERIFY2(refused.contains("too many pages are open (at most 8)"), refused.constData());
+
     ::kill(pid_t(host.processId()), signal);
     QVERIFY(host.waitForFinished(20000));
     QCOMPARE(host.exitStatus(), QProcess::NormalExit);

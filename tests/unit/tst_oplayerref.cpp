@@ -234,6 +234,45 @@ private Q_SLOTS:
         stopLibrary(lib);
     }
 
+    void remoteVolume_data()
+    {
+        QTest::addColumn<QByteArray>("setting");
+        QTest::addColumn<bool>("created");
+        QTest::addColumn<QList<int>>("announced");
+        QTest::newRow("in the first track") << QByteArray("1:30") << true << QList<int>{30};
+        QTest::newRow("in the second track") << QByteArray("2.5:30") << true << QList<int>{30};
+        QTest::newRow("the volume it has") << QByteArray("1:80") << true << QList<int>{};
+        QTest::newRow("later than played") << QByteArray("3.5:30") << true << QList<int>{};
+        QTest::newRow("no seconds") << QByteArray("30") << false << QList<int>{};
+        QTest::newRow("volume 101") << QByteArray("1:101") << false << QList<int>{};
+        QTest::newRow("negative seconds") << QByteArray("-1:30") << false << QList<int>{};
+    }
+
+    // The volume change that the service makes from its side, scripted through the environment.
+    void remoteVolume()
+    {
+        QFETCH(QByteArray, setting);
+        QFETCH(bool, created);
+        QFETCH(QList<int>, announced);
+        TestPlatform platform;
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        qputenv("OPLAYER_REF_REMOTE_VOLUME", setting);
+        OPlayerLib lib(initParams());
+        qunsetenv("OPLAYER_REF_REMOTE_VOLUME");
+        QCOMPARE(lib.ok(), created);
+        if (!created)
+            return;
+        // Three seconds of stereo at 44.1 kHz (tracks of two seconds), then nothing more is taken.
+        AudioSink sink(lib.playbackApi(), 44100ul * 2 * 3);
+        Announcements heard(lib.playbackApi());
+        QVERIFY(lib.playbackApi()->resume());
+        QTRY_COMPARE(sink.consumed.load(), 44100ul * 2 * 3);
+        QTRY_COMPARE(heard.volumes, announced);
+        QCOMPARE(lib.playbackApi()->getVolume(), announced.isEmpty() ? 80 : announced.last());
+        QVERIFY(lib.playbackApi()->pause()); // paused, the library ends its loop without finishing the track
+        stopLibrary(lib);
+    }
+
     void pairing_data()
     {
         QTest::addColumn<QString>("code");

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "HostOptions.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QString>
+
+class CMNode;
+namespace vrax {
+class DevicePlayer;
+class Platform;
+}
+
+// The emulated device's state as JSON, the same for the control API's answers and the page's
+// events. Main thread.
+namespace deviceState {
+
+// path, kind (list, value, action, node), title, and value or rows.
+QJsonObject node(const CMNode* node);
+// Every published node, by path.
+QJsonArray nodes(const vrax::Platform& platform);
+// The play logic at path: exists, state, title, artist, album, icon, duration, playTime.
+QJsonObject playLogic(const QString& path);
+// volume (0 to 100) and muted.
+QJsonObject volume();
+// The audio pipeline's counters.
+QJsonObject pipeline(const vrax::DevicePlayer& player, HostOptions::Pace pace);
+// What the device's settings say about it: product, serial number, and whether it is paired
+// (with its device id); never the token or the vendor's secret.
+QJsonObject device();
+
+} // namespace deviceState
