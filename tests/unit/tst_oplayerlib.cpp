@@ -35,12 +35,6 @@ struct Fixture
     TestPlatform platform;
 };
 
-unsigned long long fakeSamples(const QString& path)
-{
-    auto fn = reinterpret_cast<unsigned long long (*)()>(loadedSymbol(path, "fake_samples_taken"));
-    return fn ? fn() : 0;
-}
-
 CMSetDataRequest pairRequest(const QString& code, CMVoidReply reply)
 {
     VraxValue value;
@@ -387,7 +381,7 @@ private Q_SLOTS:
         lib.requestExit();
         QTRY_VERIFY_WITH_TIMEOUT(!lib.ok(), 10000);
         // What the library counts as taken is what the sink took: nothing went missing before it existed.
-        QCOMPARE(fakeSamples(kInstalledPath), (unsigned long long)sink.consumed);
+        QCOMPARE(fakeSamplesTaken(), (unsigned long long)sink.consumed);
         lib.unload();
     }
 
