@@ -9,8 +9,8 @@
  * misbehave:
  *   early-audio    its thread starts at create and has called init, pause_changed(0),
  *                  volume_changed and data before create returns
- *   two-threads    a second thread announces pause and volume and calls data with nothing to
- *                  offer, while the first one delivers the audio
+ *   two-threads    a second thread announces the later pause changes and the volume, and calls
+ *                  data with nothing to offer, while the first one delivers the audio
  *   null-tables    controls_api, metadata_api and pairing_api return NULL
  *   null-entries   every function of those three tables is NULL
  *   null-record    get_current returns NULL
@@ -255,7 +255,7 @@ static void* producer_thread(void* arg)
     oplayer* p = (oplayer*)arg;
     oplayer_audio_api* audio = p->audio;
     short chunk[CHUNK_SAMPLES];
-    /* With two threads, later pause changes come from the other one. */
+    /* With two threads, the pause changes after the start come from the other one. */
     const int announces = !(p->modes & MODE_TWO_THREADS);
 
     pthread_mutex_lock(&p->mutex);
