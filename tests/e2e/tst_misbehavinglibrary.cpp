@@ -59,6 +59,22 @@ int playState(DeviceRig& rig)
     return rig.get(QStringLiteral("/api/playlogic")).body.value(QStringLiteral("state")).toInt();
 }
 
+// The host's log, line by line into the test's output (a failure message would be cut short).
+void printHostLog(DeviceRig& rig)
+{
+    for (const QString& line : rig.hostLog())
+        qInfo("host: %s", qPrintable(line));
+}
+
+// The play logic reaches state (2 playing) within 15 s; the host's log otherwise.
+#define VERIFY_PLAY_STATE(rig, expected)                                                                   \
+    do {                                                                                                   \
+        if (!QTest::qWaitFor([&] { return playState(rig) == (expected); }, 15000)) {                     \
+            printHostLog(rig);                                                                             \
+            QFAIL(qPrintable(QStringLiteral("the play logic is in state %1").arg(playState(rig))));        \
+        }                                                                                                  \
+    } while (false)
+
 // What a listener needs: the pipeline receives the given seconds of audio more, at realtime pace.
 bool hearsMusic(DeviceRig& rig, double seconds)
 {
@@ -183,7 +199,7 @@ void TestMisbehavingLibrary::keepsPlaying()
     QFETCH(QStringList, warnings);
     DeviceRig& rig = *m_rig;
     QVERIFY(startDevice(modes, true, rig.devTreeLibraryPath()));
-    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+    VERIFY_PLAY_STATE(rig, 2);
     QVERIFY2(hearsMusic(rig, 2), qPrintable(rig.hostLog().join('\n')));
     QCOMPARE(playState(rig), 2);
     for (const QString& warning : warnings)
@@ -221,7 +237,7 @@ void TestMisbehavingLibrary::pairingIsAnswered()
     const DeviceRig::Answer answer = rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("ABC-DEF"));
     if (error.isEmpty()) {
         QVERIFY2(answer.ok(), qPrintable(answer.errorMessage()));
-        QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+        VERIFY_PLAY_STATE(rig, 2);
         QVERIFY(hearsMusic(rig, 1));
     } else {
         QCOMPARE(answer.status, 422);
@@ -253,7 +269,7 @@ void TestMisbehavingLibrary::updateSwapUnderPendingPairing()
     QVERIFY(setServiceFailures(rig, {QStringLiteral("library-delay=2500")}));
     // The installed place, so that a new library that fails leaves nothing else to load.
     QVERIFY(startDevice(QStringLiteral("pair-never"), true, rig.dataDir() + QStringLiteral("/data-rw/orvello/liboplayer-1.so")));
-    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+    VERIFY_PLAY_STATE(rig, 2);
 
     const DeviceRig::Answer answer = rig.setValue(QStringLiteral("orvello/browse/uiPairCode"), QStringLiteral("ABC-DEF"));
     QCOMPARE(answer.status, 422);
@@ -261,7 +277,7 @@ void TestMisbehavingLibrary::updateSwapUnderPendingPairing()
     QVERIFY(rig.waitForLog(QStringLiteral("End of oplayer main loop, cleaning up"), 0));
     if (playsOn) {
         QTRY_COMPARE_WITH_TIMEOUT(rig.hostLog().filter(QStringLiteral("Running SDK version: 0.1.0")).size(), 2, 15000);
-        QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+        VERIFY_PLAY_STATE(rig, 2);
         QVERIFY(hearsMusic(rig, 1));
     } else {
         QVERIFY(rig.waitForLog(QStringLiteral("Failed to load oplayer-1 library"), 15000));
@@ -276,12 +292,12 @@ void TestMisbehavingLibrary::stopThenPlayFromTheDevice()
 {
     DeviceRig& rig = *m_rig;
     QVERIFY(startDevice(QString(), true, rig.devTreeLibraryPath()));
-    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+    VERIFY_PLAY_STATE(rig, 2);
     QVERIFY(hearsMusic(rig, 1));
     QVERIFY(rig.post(QStringLiteral("/api/player/stop"), {}).ok());
     QCOMPARE(playState(rig), 0);
     QVERIFY(rig.post(QStringLiteral("/api/player/play"), {}).ok());
-    QTRY_COMPARE_WITH_TIMEOUT(playState(rig), 2, 15000);
+    VERIFY_PLAY_STATE(rig, 2);
     QVERIFY(hearsMusic(rig, 1));
     QCOMPARE(rig.stopHost(), 0);
 }
