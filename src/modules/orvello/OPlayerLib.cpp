@@ -65,7 +65,6 @@ OPlayerLib::OPlayerLib(const oplayer_init_params& params)
     , m_oplayer(nullptr)
     , m_pairingApi(nullptr)
     , m_createParams()
-    , m_pairingFaultsLogged(0)
 {
     std::memset(&m_createParams, 0, sizeof(m_createParams));
     if (!QDir().mkpath(kPersistentDirectory))

@@ -102,7 +102,7 @@ private:
     OPlayerPlaybackApi m_playbackApi;
     // Pairing attempts still polling, in the order they started.
     QList<CMReply<QVariant>> m_pairings;
-    unsigned m_pairingFaultsLogged;
+    unsigned m_pairingFaultsLogged = 0;
 };
 
 // The token store handed to the library in the creation record; callable from any thread.
