@@ -385,6 +385,67 @@ private Q_SLOTS:
         lib.unload();
     }
 
+    void libraryModesThroughTheHost_data()
+    {
+        QTest::addColumn<QByteArray>("modes");
+        QTest::addColumn<QString>("pairingError"); // empty: paired
+        QTest::addColumn<QStringList>("warnings"); // how each WARN line starts, each once
+
+        const QString refused = QStringLiteral("Internal error, library is not initialized");
+        const QString noPairing = QStringLiteral("The player library gave no pairing table");
+        QTest::newRow("null tables") << QByteArray("null-tables") << refused
+                                     << QStringList{QStringLiteral("The player library gave no controls table"),
+                                                    QStringLiteral("The player library gave no metadata table"),
+                                                    noPairing};
+        QTest::newRow("null entries") << QByteArray("null-entries") << refused
+                                      << QStringList{QStringLiteral("The player library's controls table has no "
+                                                                    "has_new_data entry"),
+                                                     noPairing};
+        QTest::newRow("null record") << QByteArray("null-record") << QString()
+                                     << QStringList{QStringLiteral("The player library said it had new track data "
+                                                                   "but gave no track record")};
+        QTest::newRow("null strings")
+            << QByteArray("null-strings") << QString()
+            << QStringList{QStringLiteral("The player library gave a track record without a title"),
+                           QStringLiteral("The player library gave a track record of 2 artists"),
+                           QStringLiteral("The player library paired the device without a device id")};
+        QTest::newRow("run_once blocks 200 ms") << QByteArray("slow-run-once") << QString() << QStringList();
+    }
+
+    // A paired library in each mode, turned by the host: audio flows, pairing is answered, and
+    // what the library left out is logged once.
+    void libraryModesThroughTheHost()
+    {
+        QFETCH(QByteArray, modes);
+        QFETCH(QString, pairingError);
+        QFETCH(QStringList, warnings);
+        Fixture fixture({{VraxOrvelloTokenPath().toString(), QStringLiteral("paired")}});
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_PLAYING), kInstalledPath));
+        qputenv("ORVELLO_FAKE_MODES", modes);
+        LogCapture log;
+        OPlayerLib lib(initParams());
+        qunsetenv("ORVELLO_FAKE_MODES");
+        QVERIFY(lib.ok());
+        AudioSink sink(lib.playbackApi());
+        QTRY_VERIFY_WITH_TIMEOUT(sink.consumed >= 3 * 44100 * 2, 10000); // past a song and its track data
+
+        CMVoidReply reply;
+        lib.pair(pairRequest(QStringLiteral("ABCDEF"), reply));
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 5000);
+        QCOMPARE(reply.error().message().source(), pairingError);
+        if (!pairingError.isEmpty()) {
+            CMVoidReply again;
+            lib.pair(pairRequest(QStringLiteral("ABCDEF"), again)); // refused again, without a second WARN
+            QCOMPARE(again.error().message().source(), pairingError);
+        }
+
+        const QStringList seen = log.messages(log4cplus::WARN_LOG_LEVEL, QStringLiteral("Orvello"));
+        QCOMPARE(seen.size(), warnings.size());
+        for (const QString& start : warnings)
+            QVERIFY2(seen.filter(start).size() == 1, qPrintable(start + QLatin1Char('\n') + log.dump()));
+        stopLibrary(lib);
+    }
+
     void pairingAcrossTheLoopsEnd_data()
     {
         QTest::addColumn<QString>("modes");
