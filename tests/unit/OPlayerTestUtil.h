@@ -55,6 +55,13 @@ inline int fakeCounter(const QString& path, const char* symbol)
     return fn ? fn() : -1;
 }
 
+// Samples the fake playing library at the installed path has had taken by the host.
+inline unsigned long long fakeSamplesTaken()
+{
+    auto fn = reinterpret_cast<unsigned long long (*)()>(loadedSymbol(kInstalledPath, "fake_samples_taken"));
+    return fn ? fn() : 0;
+}
+
 inline oplayer_init_params initParams()
 {
     oplayer_init_params params;

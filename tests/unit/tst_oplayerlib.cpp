@@ -4,6 +4,7 @@
 #include "LogCapture.h"
 #include "OrvelloUpdater.h"
 #include "TestPlatform.h"
+#include "WaitFor.h"
 
 #include "model/cmnode.h"
 #include "model/cmnodes.h"
@@ -691,6 +692,168 @@ private Q_SLOTS:
         QVERIFY(lib.ok());
         QVERIFY(log.lines().isEmpty());
         lib.unload();
+    }
+
+    // A library that starts playing from its own thread inside create, before anything is wired.
+    void audioTableCalledAtCreate()
+    {
+        Fixture fixture;
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_PLAYING), kInstalledPath));
+        qputenv("ORVELLO_FAKE_MODES", "early-audio");
+        OPlayerLib lib(initParams());
+        qunsetenv("ORVELLO_FAKE_MODES");
+        QVERIFY(lib.ok());
+        OPlayerPlaybackApi* bridge = lib.playbackApi();
+        QCOMPARE(bridge->announcedPaused(), 0);
+        QCOMPARE(bridge->announcedVolume(), 80);
+        AudioSink sink(bridge);
+        QCOMPARE(sink.inits.load(), 1); // the format announced at create, handed over at once
+        QCOMPARE(sink.channelsSeen.load(), 2);
+        QCOMPARE(sink.rateSeen.load(), 44100);
+        WAIT_VERIFY(sink.consumed >= 44100);
+        lib.requestExit();
+        QTRY_VERIFY_WITH_TIMEOUT(!lib.ok(), 10000);
+        // What the library counts as taken is what the sink took: nothing went missing before it existed.
+        QCOMPARE(fakeSamplesTaken(), (unsigned long long)sink.consumed);
+        lib.unload();
+    }
+
+    void libraryModesThroughTheHost_data()
+    {
+        QTest::addColumn<QByteArray>("modes");
+        QTest::addColumn<QString>("pairingError"); // empty: paired
+        QTest::addColumn<QStringList>("warnings"); // how each WARN line starts, each once
+
+        const QString refused = QStringLiteral("Internal error, library is not initialized");
+        const QString noPairing = QStringLiteral("The player library gave no pairing table");
+        QTest::newRow("null tables") << QByteArray("null-tables") << refused
+                                     << QStringList{QStringLiteral("The player library gave no controls table"),
+                                                    QStringLiteral("The player library gave no metadata table"),
+                                                    noPairing};
+        QTest::newRow("null entries") << QByteArray("null-entries") << refused
+                                      << QStringList{QStringLiteral("The player library's controls table has no "
+                                                                    "has_new_data entry"),
+                                                     noPairing};
+        QTest::newRow("null record") << QByteArray("null-record") << QString()
+                                     << QStringList{QStringLiteral("The player library said it had new track data "
+                                                                   "but gave no track record")};
+        QTest::newRow("null strings")
+            << QByteArray("null-strings") << QString()
+            << QStringList{QStringLiteral("The player library gave a track record without a title"),
+                           QStringLiteral("The player library gave a track record of 2 artists"),
+                           QStringLiteral("The player library paired the device without a device id")};
+        QTest::newRow("run_once blocks 200 ms") << QByteArray("slow-run-once") << QString() << QStringList();
+    }
+
+    // A paired library in each mode, turned by the host: audio flows, pairing is answered, and
+    // what the library left out is logged once.
+    void libraryModesThroughTheHost()
+    {
+        QFETCH(QByteArray, modes);
+        QFETCH(QString, pairingError);
+        QFETCH(QStringList, warnings);
+        Fixture fixture({{VraxOrvelloTokenPath().toString(), QStringLiteral("paired")}});
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_PLAYING), kInstalledPath));
+        qputenv("ORVELLO_FAKE_MODES", modes);
+        LogCapture log;
+        OPlayerLib lib(initParams());
+        qunsetenv("ORVELLO_FAKE_MODES");
+        QVERIFY(lib.ok());
+        AudioSink sink(lib.playbackApi());
+        QTRY_VERIFY_WITH_TIMEOUT(sink.consumed >= 3 * 44100 * 2, 10000); // past a song and its track data
+
+        CMVoidReply reply;
+        lib.pair(pairRequest(QStringLiteral("ABCDEF"), reply));
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 5000);
+        QCOMPARE(reply.error().message().source(), pairingError);
+        if (!pairingError.isEmpty()) {
+            CMVoidReply again;
+            lib.pair(pairRequest(QStringLiteral("ABCDEF"), again)); // refused again, without a second WARN
+            QCOMPARE(again.error().message().source(), pairingError);
+        }
+
+        const QStringList seen = log.messages(log4cplus::WARN_LOG_LEVEL, QStringLiteral("Orvello"));
+        QCOMPARE(seen.size(), warnings.size());
+        for (const QString& start : warnings)
+            QVERIFY2(seen.filter(start).size() == 1, qPrintable(start + QLatin1Char('\n') + log.dump()));
+        stopLibrary(lib);
+    }
+
+    void pairingAcrossTheLoopsEnd_data()
+    {
+        QTest::addColumn<QString>("modes");
+        QTest::addColumn<QString>("end");     // how the loop ends: "itself", "swap" or "shutdown"
+        QTest::addColumn<QString>("swapTo");  // the downloaded library update() installs
+        QTest::addColumn<QString>("outcome"); // empty: paired; else the reply's error name or message
+
+        const QString interrupted = QStringLiteral("Pairing was interrupted, please enter the pairing code again");
+        QTest::newRow("the library ends its loop") << "loop-ends,pair-never" << "itself" << QString() << interrupted;
+        QTest::newRow("the outcome comes with the loop's end")
+            << "loop-ends,pair-at-end" << "itself" << QString() << QString();
+        QTest::newRow("swap to a library that fails to load")
+            << "pair-never" << "swap" << QStringLiteral(FAKE_CREATE_FAILS) << interrupted;
+        QTest::newRow("swap to a good library") << "pair-never" << "swap" << QStringLiteral(FAKE_PLAYING) << interrupted;
+        QTest::newRow("host shut down") << "pair-never" << "shutdown" << QString() << CMVoidReply::ErrorCancel();
+    }
+
+    // Whatever ends the instance that was asked to pair, the reply is answered once, from that
+    // instance, and no poll reaches another instance or an unloaded library.
+    void pairingAcrossTheLoopsEnd()
+    {
+        QFETCH(QString, modes);
+        QFETCH(QString, end);
+        QFETCH(QString, swapTo);
+        QFETCH(QString, outcome);
+        Fixture fixture;
+        QVERIFY(placeLibrary(QStringLiteral(FAKE_PLAYING), kInstalledPath));
+        qputenv("ORVELLO_FAKE_MODES", modes.toLatin1());
+        auto lib = std::make_unique<OPlayerLib>(initParams());
+        QVERIFY(lib->ok());
+        int ends = 0;
+        connect(lib.get(), &OPlayerLib::endOfLoop, this, [&] {
+            ++ends;
+            lib->update(); // as the worker does
+        });
+
+        LogCapture log;
+        CMVoidReply reply;
+        int answers = 0;
+        reply.onFinished(this, [&answers]() { ++answers; });
+        lib->pair(pairRequest(QStringLiteral("ABCDEF"), reply));
+        QVERIFY(!reply.isFinished());
+        if (end == QLatin1String("swap")) {
+            QVERIFY(placeLibrary(swapTo, kDownloadPath));
+            lib->requestExit();
+        } else if (end == QLatin1String("shutdown")) {
+            lib->shutdown();
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(answers, 1, 5000);
+        QCOMPARE(ends, end == QLatin1String("shutdown") ? 0 : 1);
+        QTest::qWait(350); // polls come every 100 ms: a second answer, or a poll of a gone library, shows here
+        QCOMPARE(answers, 1);
+        qunsetenv("ORVELLO_FAKE_MODES");
+
+        const QStringList warnings = log.messages(log4cplus::WARN_LOG_LEVEL, QStringLiteral("Orvello"));
+        if (outcome.isEmpty()) {
+            QVERIFY2(!reply.isError(), qPrintable(log.dump()));
+            QCOMPARE(VraxHash(CMRoot()->getValue(VraxOrvelloDeviceId()).toHash()).string_(), QStringLiteral("fake-device-2"));
+            QVERIFY(warnings.isEmpty());
+        } else if (outcome == CMVoidReply::ErrorCancel()) {
+            QCOMPARE(reply.error().name(), outcome);
+            QVERIFY(warnings.isEmpty());
+        } else {
+            QCOMPARE(reply.error().message().source(), outcome);
+            QCOMPARE(reply.error().message().context(), QStringLiteral("OPlayerLib"));
+            QCOMPARE(warnings, QStringList{QStringLiteral("The player library's loop ended before pairing finished; "
+                                                          "the pairing code has to be entered again")});
+        }
+        if (swapTo == QLatin1String(FAKE_PLAYING)) {
+            QVERIFY(lib->ok());
+            QCOMPARE(fakeCounter(kInstalledPath, "fake_poll_calls"), 0); // the new instance was never asked
+        }
+        if (lib->ok())
+            stopLibrary(*lib);
+        lib->unload();
     }
 
     void updateWithoutPersistentDirectory()

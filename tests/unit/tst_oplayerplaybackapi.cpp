@@ -1,9 +1,13 @@
+#include "LogCapture.h"
 #include "OPlayerPlaybackApi.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
+#include <atomic>
 #include <functional>
+#include <thread>
+#include <vector>
 
 namespace {
 // What the fake library tables below were asked; the test runs on one thread.
@@ -16,6 +20,7 @@ struct Library
     int setVolumeCalls = 0;
     int lastVolume = -1;
     int lastSkip = 0;
+    bool noRecord = false;
     oplayer_track_metadata track{};
     const oplayer_track_metadata* released = nullptr;
 } lib;
@@ -24,18 +29,22 @@ oplayer* const kHandle = reinterpret_cast<oplayer*>(0x1000);
 
 int hasNewData(oplayer*) { ++lib.hasNewDataCalls; return lib.hasNewData; }
 int yes(oplayer*) { return 1; }
+int no(oplayer*) { return 0; }
 int skip(oplayer*, int tracks) { lib.lastSkip = tracks; return 1; }
 int getVolume(oplayer*) { return 42; }
 int setVolume(oplayer*, int volume) { ++lib.setVolumeCalls; lib.lastVolume = volume; return 1; }
 oplayer_track_metadata* getCurrent(oplayer* player)
 {
     ++lib.getCurrentCalls;
-    return player == kHandle ? &lib.track : nullptr;
+    return player == kHandle && !lib.noRecord ? &lib.track : nullptr;
 }
 void release(oplayer_track_metadata* track) { ++lib.releaseCalls; lib.released = track; }
 
-const oplayer_controls_api kControls = {nullptr, hasNewData, yes, yes, skip, getVolume, setVolume, yes};
+const oplayer_controls_api kControls = {nullptr, hasNewData, yes, yes, skip, getVolume, setVolume, no};
 const oplayer_metadata_api kMetadata = {nullptr, nullptr, getCurrent, nullptr, nullptr, release};
+const oplayer_controls_api kNoControlEntries = {};
+const oplayer_metadata_api kNoMetadataEntries = {};
+const oplayer_metadata_api kMetadataWithoutRelease = {nullptr, nullptr, getCurrent, nullptr, nullptr, nullptr};
 } // namespace
 
 class TestOPlayerPlaybackApi : public QObject
@@ -215,11 +224,197 @@ private Q_SLOTS:
         QCOMPARE(volume.at(0).at(0).toInt(), 130);
     }
 
-    void missingCallbackThrows()
+    void announcementsBeforeCallbacks_data()
+    {
+        QTest::addColumn<bool>("shutdown");
+        QTest::newRow("format announced") << false;
+        QTest::newRow("format ended by shutdown") << true;
+    }
+
+    // The library may use its table before anything is installed: data takes nothing, and the
+    // format, pause state and volume it announced are there for whoever comes later.
+    void announcementsBeforeCallbacks()
+    {
+        QFETCH(bool, shutdown);
+        OPlayerPlaybackApi api;
+        oplayer_audio_api* table = api.getAudioApi();
+        QCOMPARE(api.announcedPaused(), -1);
+        QCOMPARE(api.announcedVolume(), -1);
+        const short samples[4] = {};
+        unsigned int out = 7;
+        QCOMPARE(table->data(table, samples, 4, &out), 0ul);
+        QCOMPARE(out, 0u);
+        QCOMPARE(table->data(table, samples, 4, nullptr), 0ul);
+        table->flush(table);
+        table->init(table, 2, 48000);
+        table->pause_changed(table, 3);
+        table->volume_changed(table, 30);
+        if (shutdown)
+            table->shutdown(table);
+        QCOMPARE(api.announcedPaused(), 1);
+        QCOMPARE(api.announcedVolume(), 30);
+
+        QList<QList<int>> inits;
+        api.setAudioInitCb([&](int channels, int rate) { inits << QList<int>{channels, rate}; });
+        const QList<QList<int>> handedOver = shutdown ? QList<QList<int>>() : QList<QList<int>>{{2, 48000}};
+        QCOMPARE(inits, handedOver);
+        table->init(table, 1, 22050);
+        QCOMPARE(inits.size(), shutdown ? 1 : 2);
+        QCOMPARE(inits.last(), (QList<int>{1, 22050}));
+    }
+
+    // Two library threads call the table while the callback is replaced over and over: calls
+    // never overlap, and once a replacement returns the old callback is neither running nor
+    // called again.
+    void callsTakeTurnsWithInstallation()
     {
         OPlayerPlaybackApi api;
         oplayer_audio_api* table = api.getAudioApi();
-        QVERIFY_EXCEPTION_THROWN(table->flush(table), std::bad_function_call);
+        struct Generation
+        {
+            std::atomic<bool> replaced{false};
+            std::atomic<int> lateCalls{0};
+        };
+        std::atomic<int> inside{0};
+        std::atomic<int> overlaps{0};
+        std::atomic<bool> stop{false};
+        auto install = [&](Generation* generation) {
+            api.setAudioDataCb([&, generation](const short*, unsigned long count, unsigned int* out) {
+                if (++inside > 1)
+                    ++overlaps;
+                if (generation->replaced)
+                    ++generation->lateCalls;
+                std::this_thread::yield();
+                *out = 0;
+                --inside;
+                return count;
+            });
+        };
+        std::vector<std::unique_ptr<Generation>> generations;
+        generations.push_back(std::make_unique<Generation>());
+        install(generations.back().get());
+        std::vector<std::thread> libraryThreads;
+        for (int t = 0; t < 2; ++t)
+            libraryThreads.emplace_back([&] {
+                const short samples[8] = {};
+                unsigned int out = 1;
+                while (!stop)
+                    table->data(table, samples, 8, &out);
+            });
+        int stillRunning = 0;
+        for (int i = 0; i < 2000; ++i) {
+            generations.push_back(std::make_unique<Generation>());
+            install(generations.back().get());
+            generations[generations.size() - 2]->replaced = true;
+        }
+        api.setAudioDataCb(nullptr);
+        stillRunning = inside;
+        generations.back()->replaced = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the library threads keep calling
+        stop = true;
+        for (std::thread& t : libraryThreads)
+            t.join();
+        QCOMPARE(overlaps.load(), 0);
+        QCOMPARE(stillRunning, 0);
+        for (const auto& generation : generations)
+            QCOMPARE(generation->lateCalls.load(), 0);
+    }
+
+    void libraryLeavesThingsOut_data()
+    {
+        QTest::addColumn<int>("controls");  // 0 full, 1 none, 2 without entries
+        QTest::addColumn<int>("metadata");  // 0 full, 1 none, 2 without entries, 3 without release
+        QTest::addColumn<QString>("record"); // full, none, null strings, null artist
+        QTest::addColumn<int>("published"); // dataChanged of two pumps
+        QTest::addColumn<QStringList>("warnings");
+
+        const QString missingEntry = QStringLiteral("The player library's controls table has no %1 entry; it gets "
+                                                    "the answer for a missing library");
+        QTest::newRow("no controls table")
+            << 1 << 0 << "full" << 0
+            << QStringList{QStringLiteral("The player library gave no controls table; play, pause, volume and track "
+                                          "data get the answers for a missing library")};
+        QTest::newRow("controls without entries")
+            << 2 << 0 << "full" << 0
+            << QStringList{missingEntry.arg("is_paused"), missingEntry.arg("pause"), missingEntry.arg("resume"),
+                           missingEntry.arg("skip"), missingEntry.arg("get_volume"), missingEntry.arg("set_volume"),
+                           missingEntry.arg("has_new_data")};
+        QTest::newRow("no metadata table")
+            << 0 << 1 << "full" << 0
+            << QStringList{QStringLiteral("The player library gave no metadata table; no track data is published")};
+        QTest::newRow("metadata without entries")
+            << 0 << 2 << "full" << 0
+            << QStringList{QStringLiteral("The player library's metadata table has no get_current entry; no track "
+                                          "data is published")};
+        QTest::newRow("metadata without release")
+            << 0 << 3 << "full" << 2
+            << QStringList{QStringLiteral("The player library's metadata table has no release entry; its track "
+                                          "records are not given back")};
+        QTest::newRow("no track record")
+            << 0 << 0 << "none" << 0
+            << QStringList{QStringLiteral("The player library said it had new track data but gave no track record; "
+                                          "the track data stays as it was")};
+        QTest::newRow("null strings and artists")
+            << 0 << 0 << "null strings" << 2
+            << QStringList{QStringLiteral("The player library gave a track record without a title; publishing it "
+                                          "empty"),
+                           QStringLiteral("The player library gave a track record of 2 artists without the artists; "
+                                          "publishing no artist")};
+        QTest::newRow("null artist")
+            << 0 << 0 << "null artist" << 2
+            << QStringList{QStringLiteral("The player library gave a track record without an artist; publishing it "
+                                          "empty")};
+    }
+
+    // Whatever the library leaves null gets the answer for a missing library, and one WARN line
+    // the first time.
+    void libraryLeavesThingsOut()
+    {
+        QFETCH(int, controls);
+        QFETCH(int, metadata);
+        QFETCH(QString, record);
+        QFETCH(int, published);
+        QFETCH(QStringList, warnings);
+        static const char* const artists[] = {"Ana"};
+        static const char* const nullArtist[] = {nullptr};
+        lib.hasNewData = 1;
+        lib.noRecord = record == QLatin1String("none");
+        lib.track.title = "T";
+        lib.track.album = "A";
+        lib.track.image = "I";
+        lib.track.artists = record == QLatin1String("null artist") ? nullArtist : artists;
+        lib.track.artist_count = 1;
+        if (record == QLatin1String("null strings")) {
+            lib.track = oplayer_track_metadata{};
+            lib.track.artist_count = 2;
+        }
+        const oplayer_controls_api* controlTables[] = {&kControls, nullptr, &kNoControlEntries};
+        const oplayer_metadata_api* metadataTables[] = {&kMetadata, nullptr, &kNoMetadataEntries,
+                                                        &kMetadataWithoutRelease};
+        OPlayerPlaybackApi api;
+        api.setControlsApi(controlTables[controls]);
+        api.setMetadataApi(metadataTables[metadata]);
+        api.setOPlayer(kHandle);
+        QSignalSpy spy(&api, &OPlayerPlaybackApi::dataChanged);
+        LogCapture log;
+        for (int round = 0; round < 2; ++round) {
+            QCOMPARE(api.isPaused(), controls != 0);
+            QCOMPARE(api.pause(), controls == 0);
+            QCOMPARE(api.resume(), controls == 0);
+            QCOMPARE(api.skip(1), controls == 0);
+            QCOMPARE(api.getVolume(), controls == 0 ? 42 : -1);
+            QCOMPARE(api.setVolume(5), controls == 0);
+            api.pump();
+        }
+        QCOMPARE(spy.count(), published);
+        QCOMPARE(lib.releaseCalls, metadata == 0 ? published : 0);
+        QCOMPARE(log.messages(log4cplus::WARN_LOG_LEVEL, QStringLiteral("Orvello")), warnings);
+        if (published && record != QLatin1String("full")) {
+            const auto data = spy.at(0).at(0).value<VraxStreamerData>();
+            QVERIFY(data.trackRoles().mediaData().metaData().artist().isEmpty());
+            QCOMPARE(data.trackRoles().title().toString().isEmpty(), record == QLatin1String("null strings"));
+            QCOMPARE(data.trackRoles().icon().isEmpty(), record == QLatin1String("null strings"));
+        }
     }
 };
 

@@ -33,12 +33,13 @@ const QString kSocket = QStringLiteral("/tmp/orvello/smt2socketaddress");
 namespace fake {
 std::atomic<int> pauses{0};
 std::atomic<int> resumes{0};
+std::atomic<int> paused{0};
 std::mutex volumesMutex;
 QList<int> volumes;
 
 int hasNewData(oplayer*) { return 0; }
-int pause(oplayer*) { ++pauses; return 1; }
-int resume(oplayer*) { ++resumes; return 1; }
+int pause(oplayer*) { ++pauses; paused = 1; return 1; }
+int resume(oplayer*) { ++resumes; paused = 0; return 1; }
 int skip(oplayer*, int) { return 1; }
 int getVolume(oplayer*) { return 50; }
 int setVolume(oplayer*, int volume)
@@ -47,7 +48,7 @@ int setVolume(oplayer*, int volume)
     volumes << volume;
     return 1;
 }
-int isPaused(oplayer*) { return 0; }
+int isPaused(oplayer*) { return paused; }
 QList<int> volumesSet()
 {
     std::lock_guard<std::mutex> lock(volumesMutex);
@@ -57,6 +58,7 @@ void reset()
 {
     pauses = 0;
     resumes = 0;
+    paused = 0;
     std::lock_guard<std::mutex> lock(volumesMutex);
     volumes.clear();
 }
@@ -127,6 +129,72 @@ std::vector<short> wavSamples(const QString& path, int* rate, int* channels)
     return samples;
 }
 
+// What the service's play logic asks the device's player to play.
+VraxRoles playRoles()
+{
+    VraxMetaData meta;
+    meta.setPlayLogicPath(VraxOrvelloPlayLogicPath());
+    VraxResource resource;
+    resource.setUri(QStringLiteral("smt2:///tmp/orvello/smt2socketaddress"));
+    VraxMediaData media;
+    media.setMetaData(meta);
+    media.setResources({resource});
+    VraxRoles roles;
+    roles.setMediaData(media);
+    return roles;
+}
+
+// The first sample where the counter of the fake playing library does not go on by one from
+// the sample before, or the size when it always does. first: the counter value expected at from.
+std::size_t counterBreak(const std::vector<short>& samples, std::size_t from, std::size_t to, int first)
+{
+    for (std::size_t i = from; i < to; ++i)
+        if (samples[i] != short(quint16(first + int(i - from))))
+            return i;
+    return to;
+}
+
+// The fake playing library on a paired device, the play logic on its bridge, the pipeline
+// writing a WAV file at fast pace.
+struct PlayingRig
+{
+    explicit PlayingRig(const QByteArray& modes)
+        : platform({{QStringLiteral("settings/orvello/token"), QStringLiteral("paired")}})
+        , wav(platform.dir() + QStringLiteral("/out.wav"))
+        , player("wav:" + wav.toStdString(), vrax::AudioPace::Fast)
+    {
+        oplayertest::placeLibrary(QStringLiteral(FAKE_PLAYING), oplayertest::kInstalledPath);
+        qputenv("ORVELLO_FAKE_MODES", modes);
+        lib = std::make_unique<OPlayerLib>(oplayertest::initParams());
+        qunsetenv("ORVELLO_FAKE_MODES");
+        logic = std::make_unique<OrvelloPlayLogic>(&nodes, lib->playbackApi());
+    }
+    ~PlayingRig()
+    {
+        logic.reset();
+        if (lib) {
+            lib->shutdown();
+            lib->unload();
+        }
+    }
+    int state() const { return logic->data().state(); }
+    std::uint64_t bytes() const { return player.pipeline() ? player.pipeline()->counters().bytes : 0; }
+    std::vector<short> written()
+    {
+        player.stop();
+        int rate = 0;
+        int channels = 0;
+        return wavSamples(wav, &rate, &channels);
+    }
+
+    TestPlatform platform;
+    QString wav;
+    vrax::DevicePlayer player;
+    CMNodes nodes;
+    std::unique_ptr<OPlayerLib> lib;
+    std::unique_ptr<OrvelloPlayLogic> logic;
+};
+
 } // namespace
 
 class TestOrvelloPlayLogic : public QObject
@@ -142,6 +210,11 @@ private Q_SLOTS:
     void trackDataIsPublished();
     void failedConnectStopsPlayback();
     void stopClosesTransferAndCancelsConnect();
+    void libraryPlayingFromCreate_data();
+    void libraryPlayingFromCreate();
+    void deviceControlsWhileTheLibraryDelivers();
+    void pendingConnectEndsWithThePlayback();
+    void destroyedWhileTheLibraryDelivers();
 };
 
 // The reference library plays a known file; the pipeline's WAV must hold exactly its PCM.
@@ -352,6 +425,102 @@ void TestOrvelloPlayLogic::stopClosesTransferAndCancelsConnect()
     QCOMPARE(rig.state(), int(VraxPlayLogicData::Stopped));
     QVERIFY(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty());
     QVERIFY(!rig.player.pipeline()->counters().senderConnected);
+}
+
+void TestOrvelloPlayLogic::libraryPlayingFromCreate_data()
+{
+    QTest::addColumn<QByteArray>("modes");
+    QTest::newRow("polite: first turn") << QByteArray();
+    QTest::newRow("at create") << QByteArray("early-audio");
+    QTest::newRow("from two threads") << QByteArray("two-threads");
+    QTest::newRow("at create, from two threads") << QByteArray("early-audio,two-threads");
+}
+
+// However early and from however many threads the library starts, the pipeline gets its audio
+// from the first sample on, every sample once, in order: what a polite library gives.
+void TestOrvelloPlayLogic::libraryPlayingFromCreate()
+{
+    QFETCH(QByteArray, modes);
+    PlayingRig rig(modes);
+    QVERIFY(rig.lib->ok());
+    const std::uint64_t twoSeconds = 44100 * 2 * 2 * 2;
+    QTRY_VERIFY_WITH_TIMEOUT(rig.bytes() >= twoSeconds, 20000);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Playing));
+    QCOMPARE(rig.player.pipeline()->counters().connections, std::uint64_t(1));
+    rig.logic.reset();
+    const std::vector<short> samples = rig.written();
+    QVERIFY2(samples.size() * 2 >= twoSeconds, qPrintable(QString::number(samples.size())));
+    const std::size_t at = counterBreak(samples, 0, samples.size(), 0);
+    QVERIFY2(at == samples.size(), qPrintable(QStringLiteral("sample %1 of %2 is %3").arg(at).arg(samples.size())
+                                                  .arg(at < samples.size() ? samples[at] : 0)));
+}
+
+// Play while playing keeps the stream (the library goes on delivering meanwhile); stop then play
+// brings the music back.
+void TestOrvelloPlayLogic::deviceControlsWhileTheLibraryDelivers()
+{
+    PlayingRig rig("");
+    QTRY_COMPARE_WITH_TIMEOUT(rig.state(), int(VraxPlayLogicData::Playing), 10000);
+    LogCapture log;
+    for (int i = 0; i < 5; ++i) {
+        QVERIFY(!rig.player.play(playRoles(), false).isError());
+        QTRY_COMPARE(rig.state(), int(VraxPlayLogicData::Playing));
+    }
+    const std::uint64_t afterPlays = rig.bytes();
+    QTRY_VERIFY(rig.bytes() > afterPlays); // still streaming
+    QCOMPARE(rig.player.pipeline()->counters().connections, std::uint64_t(1));
+    QVERIFY2(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty(), qPrintable(log.dump()));
+
+    QVERIFY(!rig.player.stop().isError());
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Stopped));
+    QVERIFY(rig.lib->playbackApi()->isPaused());
+    // The stop finished the WAV file: the counter is whole up to there.
+    int rate = 0;
+    int channels = 0;
+    const std::vector<short> beforeStop = wavSamples(rig.wav, &rate, &channels);
+    QVERIFY(beforeStop.size() > 44100 * 2);
+    QCOMPARE(counterBreak(beforeStop, 0, beforeStop.size(), 0), beforeStop.size());
+
+    const std::uint64_t stopped = rig.bytes();
+    QVERIFY(!rig.player.resume().isError());
+    QTRY_COMPARE_WITH_TIMEOUT(rig.state(), int(VraxPlayLogicData::Playing), 10000);
+    QTRY_VERIFY(rig.bytes() > stopped + 44100 * 4);
+    QVERIFY2(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty(), qPrintable(log.dump()));
+
+    // The restart began a new file; the stop may have cut a chunk in flight, the rest is whole.
+    rig.logic.reset();
+    const std::vector<short> afterRestart = rig.written();
+    QVERIFY(afterRestart.size() > 44100 * 2);
+    QCOMPARE(counterBreak(afterRestart, 0, afterRestart.size(), afterRestart[0]), afterRestart.size());
+}
+
+// A play request waiting for the format is part of its playback: once stopped, a later format
+// announcement connects nothing.
+void TestOrvelloPlayLogic::pendingConnectEndsWithThePlayback()
+{
+    Rig rig;
+    rig.audio->pause_changed(rig.audio, 0);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Starting)); // no format yet: the connect waits
+    QVERIFY(!rig.player.stop().isError());
+    LogCapture log;
+    rig.audio->init(rig.audio, 2, 48000);
+    QTest::qWait(300); // a connection attempt would change the sender's state within this
+    QVERIFY2(log.messages(log4cplus::INFO_LOG_LEVEL, QStringLiteral("OrvelloAudioTransfer")).isEmpty(),
+             qPrintable(log.dump()));
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Stopped));
+}
+
+// The library's thread is in the middle of delivering when the play logic goes: it waits for
+// that call, and the library's later calls take nothing.
+void TestOrvelloPlayLogic::destroyedWhileTheLibraryDelivers()
+{
+    PlayingRig rig("two-threads");
+    QTRY_VERIFY_WITH_TIMEOUT(rig.bytes() > 44100 * 4, 10000);
+    rig.logic.reset();
+    const unsigned long long taken = oplayertest::fakeSamplesTaken();
+    QTest::qWait(100); // the library keeps offering meanwhile
+    QCOMPARE(oplayertest::fakeSamplesTaken(), taken);
+    QVERIFY(rig.lib->ok());
 }
 
 QTEST_GUILESS_MAIN(TestOrvelloPlayLogic)

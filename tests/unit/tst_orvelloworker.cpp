@@ -17,6 +17,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <memory>
+
 namespace {
 const char* const kReadOnlyCase = "--read-only-scratch-case";
 const QString kScratch = QStringLiteral("/tmp/orvello");
@@ -37,6 +39,7 @@ private Q_SLOTS:
     void prepareDirectoryCreatesParents();
     void scratchDirectoryNotWritable();
     void initialisationGate();
+    void pendingPairingCancelledWithTheWorker();
 };
 
 void TestOrvelloWorker::moduleCreatesWorkerThroughEntry()
@@ -159,6 +162,37 @@ void TestOrvelloWorker::initialisationGate()
         QCOMPARE(log.count(log4cplus::TRACE_LOG_LEVEL, QStringLiteral("Already initialized, doing nothing.")), attempt);
         QCOMPARE(log.messages(log4cplus::INFO_LOG_LEVEL).filter(QStringLiteral("Running SDK version")).size(), 1 - attempt);
     }
+}
+
+// A pairing the library never answers is cancelled when the platform deletes the worker, not
+// left hanging.
+void TestOrvelloWorker::pendingPairingCancelledWithTheWorker()
+{
+    TestPlatform t({{VraxOrvelloOutputChannelsPath().toString(), 2},
+                    {VraxOrvelloOutputSampleRatePath().toString(), 44100}});
+    // The developer build tree's place on the search list: the process still has another
+    // library mapped under the name of the installed one, which dlopen would hand back.
+    QVERIFY(QDir().mkpath(QStringLiteral("a/b")));
+    QVERIFY(QDir::setCurrent(QStringLiteral("a/b")));
+    const QString library = QStringLiteral("../../build/Hollowkit-blobs-links/Orvello/lib/linux_x86_64/liboplayer-1.so");
+    QVERIFY(QDir().mkpath(QFileInfo(library).path()));
+    QVERIFY(QFile::copy(QStringLiteral(FAKE_PLAYING), library));
+    qputenv("ORVELLO_FAKE_MODES", "pair-never");
+    auto worker = std::make_unique<OrvelloWorker>(QVariantHash());
+    LogCapture log;
+    VraxHash code;
+    code.setString_(QStringLiteral("ABCDEF"));
+    CMReply<QVariant> reply;
+    int answers = 0;
+    reply.onFinished(nullptr, [&answers] { ++answers; });
+    CMRoot()->invoke(VraxOrvelloSetPairCode(), code, reply);
+    QTRY_VERIFY(log.contains(log4cplus::INFO_LOG_LEVEL, QStringLiteral("new value: ABCDEF. Initiating pairing.")));
+    QTest::qWait(250); // a few polls go unanswered
+    QVERIFY2(!reply.isFinished(), qPrintable(log.dump()));
+    worker.reset();
+    qunsetenv("ORVELLO_FAKE_MODES");
+    QCOMPARE(answers, 1);
+    QCOMPARE(reply.error().name(), CMVoidReply::ErrorCancel());
 }
 
 // Runs in the child of scratchDirectoryNotWritable, where /tmp/orvello is a read-only mount.

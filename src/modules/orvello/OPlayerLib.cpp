@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace {
 log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
@@ -88,6 +89,7 @@ OPlayerLib::OPlayerLib(const oplayer_init_params& params)
 
 OPlayerLib::~OPlayerLib()
 {
+    cancelPairings();
     delete m_library;
 }
 
@@ -161,6 +163,7 @@ void OPlayerLib::mainLoop()
         return;
     }
     LOG4CPLUS_INFO(logger, "End of oplayer main loop, cleaning up");
+    interruptPairings();
     destroyInstance();
     Q_EMIT endOfLoop();
 }
@@ -169,6 +172,7 @@ void OPlayerLib::destroyInstance()
 {
     m_api->destroy(m_oplayer);
     m_oplayer = nullptr;
+    m_pairingApi = nullptr;
     m_playbackApi.setControlsApi(nullptr);
     m_playbackApi.setMetadataApi(nullptr);
     m_playbackApi.setOPlayer(nullptr);
@@ -179,6 +183,7 @@ void OPlayerLib::shutdown()
     if (!m_oplayer)
         return;
     LOG4CPLUS_INFO(logger, "Shutting down the running oplayer instance");
+    cancelPairings();
     destroyInstance();
 }
 
@@ -203,6 +208,13 @@ void OPlayerLib::pair(const CMSetDataRequest& request)
     }
     const QString code = VraxHash(request.data().toHash()).string_();
     LOG4CPLUS_INFO(logger, "new value: " << code << ". Initiating pairing.");
+    if (!m_pairingApi || !m_pairingApi->start || !m_pairingApi->poll) {
+        if (firstTime(NoPairingTable))
+            LOG4CPLUS_WARN(logger, "The player library gave no pairing table, or one without start or poll; "
+                                   "pairing requests are answered as without a library");
+        request.reply().setError(CMError(ORVELLO_TR("Internal error, library is not initialized")));
+        return;
+    }
     const QByteArray bytes = code.toUtf8();
     const int result = m_pairingApi->start(m_oplayer, bytes.constData(), bytes.size());
     if (result != 0) {
@@ -211,18 +223,31 @@ void OPlayerLib::pair(const CMSetDataRequest& request)
             CMError(ORVELLO_TR("Error while initiating device pairing, error: %1", {TrArg(result, 0, 10, QLatin1Char(' '))})));
         return;
     }
+    m_pairings.append(request.reply());
     doPairLoop(request.reply());
 }
 
 void OPlayerLib::doPairLoop(CMReply<QVariant> reply)
 {
-    oplayer_pairing_result* result = m_pairingApi->poll(m_oplayer);
-    if (!result) {
+    // Answered when the library's loop ended; the instance that polled for it may be gone.
+    if (!m_pairings.contains(reply))
+        return;
+    if (!collectPairingOutcome(reply)) {
         QTimer::singleShot(100, Qt::PreciseTimer, this, [this, reply]() { doPairLoop(reply); });
         return;
     }
+    m_pairings.removeOne(reply);
+}
+
+bool OPlayerLib::collectPairingOutcome(CMReply<QVariant>& reply)
+{
+    oplayer_pairing_result* result = m_pairingApi->poll(m_oplayer);
+    if (!result)
+        return false;
     if (result->success != 0) {
         LOG4CPLUS_INFO(logger, "Pairing successful");
+        if (!result->device_id && firstTime(NoDeviceId))
+            LOG4CPLUS_WARN(logger, "The player library paired the device without a device id; storing an empty one");
         storeString(VraxOrvelloDeviceId(), QString::fromLatin1(result->device_id));
         reply.setValue(QVariant());
     } else {
@@ -231,7 +256,41 @@ void OPlayerLib::doPairLoop(CMReply<QVariant> reply)
         reply.setError(CMError(ORVELLO_TR("Error while initiating device pairing, error: %1",
                                           {TrArg(QString(result->message))})));
     }
-    m_pairingApi->release(result);
+    if (m_pairingApi->release) {
+        m_pairingApi->release(result);
+    } else if (firstTime(NoPairingRelease)) {
+        LOG4CPLUS_WARN(logger, "The player library's pairing table has no release entry; its pairing outcomes are "
+                               "not given back");
+    }
+    return true;
+}
+
+void OPlayerLib::interruptPairings()
+{
+    const QList<CMReply<QVariant>> pending = std::exchange(m_pairings, {});
+    for (CMReply<QVariant> reply : pending) {
+        if (collectPairingOutcome(reply))
+            continue;
+        LOG4CPLUS_WARN(logger, "The player library's loop ended before pairing finished; the pairing code has to "
+                               "be entered again");
+        reply.setError(CMError(ORVELLO_TR("Pairing was interrupted, please enter the pairing code again")));
+    }
+}
+
+void OPlayerLib::cancelPairings()
+{
+    const QList<CMReply<QVariant>> pending = std::exchange(m_pairings, {});
+    for (CMReply<QVariant> reply : pending) {
+        LOG4CPLUS_INFO(logger, "Cancelling a pairing still under way: the player library is shutting down");
+        reply.cancel();
+    }
+}
+
+bool OPlayerLib::firstTime(PairingFault fault)
+{
+    const bool first = (m_pairingFaultsLogged & fault) == 0;
+    m_pairingFaultsLogged |= fault;
+    return first;
 }
 
 bool OPlayerLib::loadFrom(const QString& path)

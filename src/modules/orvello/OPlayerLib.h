@@ -6,6 +6,7 @@
 #include "model/cmreply.h"
 #include "model/cmrequest.h"
 
+#include <QList>
 #include <QObject>
 #include <QSet>
 #include <QString>
@@ -41,7 +42,8 @@ public:
     // Loads the library (installing a finished download first, if one is waiting).
     explicit OPlayerLib(const oplayer_init_params& params);
     // Does not destroy a live instance and leaves the library file mapped: end the loop first
-    // (requestExit, endOfLoop) when the library has threads of its own.
+    // (requestExit, endOfLoop) when the library has threads of its own. Pairing attempts still
+    // under way are cancelled.
     ~OPlayerLib() override;
 
     bool ok() const;
@@ -58,14 +60,18 @@ public:
     // One turn of the library's loop; scheduled by load() and by itself only.
     void mainLoop();
     // Destroys a running instance now, joining the library's threads, without endOfLoop: once
-    // it returns no library thread calls the audio table. For the owner's destruction.
+    // it returns no library thread calls the audio table. For the owner's destruction; pairing
+    // attempts still under way are cancelled.
     void shutdown();
     // Asks the library to leave its loop when the current song has finished; endOfLoop follows.
     void requestExit();
 
-    // Starts pairing with the code in the request's value; the request's reply gets the outcome.
+    // Starts pairing with the code in the request's value; the request's reply gets the outcome,
+    // exactly once. When the library's loop ends first, the instance is asked once more and the
+    // reply gets its outcome or "Pairing was interrupted, please enter the pairing code again".
     void pair(const CMSetDataRequest& request);
     // One poll of a pairing attempt; re-schedules itself every 100 ms until the outcome is known.
+    // Does nothing for an attempt that has been answered already.
     void doPairLoop(CMReply<QVariant> reply);
 
     // Installs a verified download into the persistent directory (durably, keeping the previous
@@ -85,6 +91,16 @@ Q_SIGNALS:
 private:
     // Destroys the instance and detaches the bridge from it.
     void destroyInstance();
+    // Polls once; when the library has the outcome, answers the reply with it and gives the
+    // record back.
+    bool collectPairingOutcome(CMReply<QVariant>& reply);
+    // The loop has ended: every attempt under way gets this instance's outcome or the
+    // interruption error.
+    void interruptPairings();
+    void cancelPairings();
+    // Each logged once per host, the first time the library does it.
+    enum PairingFault : unsigned { NoPairingTable = 1u << 0, NoPairingRelease = 1u << 1, NoDeviceId = 1u << 2 };
+    bool firstTime(PairingFault fault);
 
     // One path of load(): true when it runs an instance.
     bool loadFrom(const QString& path);
@@ -109,6 +125,9 @@ private:
     // Checksums of downloads not to install again: failed to install, did not load.
     QSet<QString> m_failedInstalls;
     QSet<QString> m_rolledBack;
+    // Pairing attempts still polling, in the order they started.
+    QList<CMReply<QVariant>> m_pairings;
+    unsigned m_pairingFaultsLogged = 0;
 };
 
 // The token store handed to the library in the creation record; callable from any thread.

@@ -1,9 +1,14 @@
 #include "OPlayerPlaybackApi.h"
 
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+
 namespace {
+log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
+
 OPlayerPlaybackApi* bridgeOf(oplayer_audio_api* api)
 {
-    return static_cast<OPlayerPlaybackApi*>(api->user);
+    return api ? static_cast<OPlayerPlaybackApi*>(api->user) : nullptr;
 }
 } // namespace
 
@@ -13,15 +18,24 @@ OPlayerPlaybackApi::OPlayerPlaybackApi()
     , m_controlsApi(nullptr)
     , m_metadataApi(nullptr)
     , m_oplayer(nullptr)
+    , m_formatAnnounced(false)
+    , m_announcedChannels(0)
+    , m_announcedRate(0)
+    , m_announcedPaused(-1)
+    , m_announcedVolume(-1)
+    , m_faultsLogged(0)
 {
 }
 
 OPlayerPlaybackApi::~OPlayerPlaybackApi()
 {
-    m_audioDataCb = nullptr;
-    m_audioFlushCb = nullptr;
-    m_audioShutdownCb = nullptr;
-    m_audioInitCb = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_audioMutex);
+        m_audioDataCb = nullptr;
+        m_audioFlushCb = nullptr;
+        m_audioShutdownCb = nullptr;
+        m_audioInitCb = nullptr;
+    }
     delete m_audioApi;
 }
 
@@ -57,57 +71,102 @@ void OPlayerPlaybackApi::setOPlayer(oplayer* player)
 
 void OPlayerPlaybackApi::setAudioInitCb(std::function<void(int, int)> cb)
 {
+    std::lock_guard<std::mutex> lock(m_audioMutex);
     m_audioInitCb = std::move(cb);
+    if (m_audioInitCb && m_formatAnnounced)
+        m_audioInitCb(m_announcedChannels, m_announcedRate);
 }
 
 void OPlayerPlaybackApi::setAudioShutdownCb(std::function<void()> cb)
 {
+    std::lock_guard<std::mutex> lock(m_audioMutex);
     m_audioShutdownCb = std::move(cb);
 }
 
 void OPlayerPlaybackApi::setAudioFlushCb(std::function<void()> cb)
 {
+    std::lock_guard<std::mutex> lock(m_audioMutex);
     m_audioFlushCb = std::move(cb);
 }
 
 void OPlayerPlaybackApi::setAudioDataCb(std::function<unsigned long(const short*, unsigned long, unsigned int*)> cb)
 {
+    std::lock_guard<std::mutex> lock(m_audioMutex);
     m_audioDataCb = std::move(cb);
+}
+
+int OPlayerPlaybackApi::announcedPaused() const
+{
+    return m_announcedPaused.load();
+}
+
+int OPlayerPlaybackApi::announcedVolume() const
+{
+    return m_announcedVolume.load();
+}
+
+bool OPlayerPlaybackApi::firstTime(Fault fault)
+{
+    return (m_faultsLogged.fetch_or(fault) & fault) == 0;
+}
+
+void OPlayerPlaybackApi::noControls()
+{
+    if (firstTime(NoControls))
+        LOG4CPLUS_WARN(logger, "The player library gave no controls table; play, pause, volume and track data get "
+                               "the answers for a missing library");
+}
+
+void OPlayerPlaybackApi::missingControl(Fault missing, const char* name)
+{
+    if (firstTime(missing))
+        LOG4CPLUS_WARN(logger, "The player library's controls table has no "
+                                   << name << " entry; it gets the answer for a missing library");
+}
+
+template <typename Fn>
+Fn OPlayerPlaybackApi::control(Fn oplayer_controls_api::*entry, Fault missing, const char* name)
+{
+    if (!m_oplayer)
+        return nullptr;
+    if (!m_controlsApi) {
+        noControls();
+        return nullptr;
+    }
+    Fn fn = m_controlsApi->*entry;
+    if (!fn)
+        missingControl(missing, name);
+    return fn;
 }
 
 bool OPlayerPlaybackApi::resume()
 {
-    if (!m_controlsApi || !m_oplayer)
-        return false;
-    return m_controlsApi->resume(m_oplayer) != 0;
+    auto fn = control(&oplayer_controls_api::resume, NoResume, "resume");
+    return fn && fn(m_oplayer) != 0;
 }
 
 bool OPlayerPlaybackApi::pause()
 {
-    if (!m_controlsApi || !m_oplayer)
-        return false;
-    return m_controlsApi->pause(m_oplayer) != 0;
+    auto fn = control(&oplayer_controls_api::pause, NoPause, "pause");
+    return fn && fn(m_oplayer) != 0;
 }
 
 bool OPlayerPlaybackApi::isPaused()
 {
-    if (!m_controlsApi || !m_oplayer)
-        return true;
-    return m_controlsApi->is_paused(m_oplayer) != 0;
+    auto fn = control(&oplayer_controls_api::is_paused, NoIsPaused, "is_paused");
+    return !fn || fn(m_oplayer) != 0;
 }
 
 bool OPlayerPlaybackApi::skip(int tracks)
 {
-    if (!m_controlsApi || !m_oplayer)
-        return false;
-    return m_controlsApi->skip(m_oplayer, tracks) != 0;
+    auto fn = control(&oplayer_controls_api::skip, NoSkip, "skip");
+    return fn && fn(m_oplayer, tracks) != 0;
 }
 
 int OPlayerPlaybackApi::getVolume()
 {
-    if (!m_controlsApi || !m_oplayer)
-        return -1;
-    return m_controlsApi->get_volume(m_oplayer);
+    auto fn = control(&oplayer_controls_api::get_volume, NoGetVolume, "get_volume");
+    return fn ? fn(m_oplayer) : -1;
 }
 
 int OPlayerPlaybackApi::maxVolume() const
@@ -117,18 +176,48 @@ int OPlayerPlaybackApi::maxVolume() const
 
 bool OPlayerPlaybackApi::setVolume(int volume)
 {
-    if (!m_controlsApi || !m_oplayer || volume < 0 || volume > maxVolume())
+    if (volume < 0 || volume > maxVolume())
         return false;
-    return m_controlsApi->set_volume(m_oplayer, volume) != 0;
+    auto fn = control(&oplayer_controls_api::set_volume, NoSetVolume, "set_volume");
+    return fn && fn(m_oplayer, volume) != 0;
+}
+
+const char* OPlayerPlaybackApi::recordString(const char* text, const char* field)
+{
+    if (!text && firstTime(NullString))
+        LOG4CPLUS_WARN(logger, "The player library gave a track record without " << field
+                                                                                  << "; publishing it empty");
+    return text;
 }
 
 void OPlayerPlaybackApi::pump()
 {
-    if (!m_controlsApi || !m_metadataApi)
+    if (!m_controlsApi || !m_metadataApi) {
+        if (m_oplayer && !m_controlsApi)
+            noControls();
+        if (m_oplayer && !m_metadataApi && firstTime(NoMetadata))
+            LOG4CPLUS_WARN(logger, "The player library gave no metadata table; no track data is published");
         return;
+    }
+    if (!m_controlsApi->has_new_data) {
+        missingControl(NoHasNewData, "has_new_data");
+        return;
+    }
     if (m_controlsApi->has_new_data(m_oplayer) == 0)
         return;
+    if (!m_metadataApi->get_current) {
+        if (firstTime(NoGetCurrent))
+            LOG4CPLUS_WARN(logger, "The player library's metadata table has no get_current entry; no track data "
+                                   "is published");
+        return;
+    }
     oplayer_track_metadata* track = m_metadataApi->get_current(m_oplayer);
+    if (!track) {
+        if (firstTime(NoRecord))
+            LOG4CPLUS_WARN(logger, "The player library said it had new track data but gave no track record; "
+                                   "the track data stays as it was");
+        return;
+    }
     const int32_t positionMs32 = static_cast<int32_t>(static_cast<uint32_t>(track->position) * 1000u);
     const long positionMs = positionMs32;
 
@@ -138,48 +227,95 @@ void OPlayerPlaybackApi::pump()
     data.setStatus(status);
 
     VraxRoles roles;
-    roles.setTitle(TrString(track->title));
+    roles.setTitle(TrString(recordString(track->title, "a title")));
     VraxMetaData metaData;
-    metaData.setAlbum(QString(track->album));
-    if (track->artist_count > 0)
-        metaData.setArtist(QString(track->artists[0]));
+    metaData.setAlbum(QString(recordString(track->album, "an album")));
+    if (track->artist_count > 0) {
+        if (track->artists) {
+            metaData.setArtist(QString(recordString(track->artists[0], "an artist")));
+        } else if (firstTime(NoArtists)) {
+            LOG4CPLUS_WARN(logger, "The player library gave a track record of " << track->artist_count
+                                                                                << " artists without the artists; "
+                                                                                   "publishing no artist");
+        }
+    }
     VraxMediaData mediaData;
     mediaData.setMetaData(metaData);
     roles.setMediaData(mediaData);
-    roles.setIcon(QString(track->image));
+    roles.setIcon(QString(recordString(track->image, "an artwork URL")));
     data.setTrackRoles(roles);
 
-    m_metadataApi->release(track);
+    if (m_metadataApi->release) {
+        m_metadataApi->release(track);
+    } else if (firstTime(NoRelease)) {
+        LOG4CPLUS_WARN(logger, "The player library's metadata table has no release entry; its track records are "
+                               "not given back");
+    }
     Q_EMIT dataChanged(data, positionMs);
 }
 
 void OPlayerPlaybackApi::audioInit(oplayer_audio_api* api, int channels, int sampleRate)
 {
-    bridgeOf(api)->m_audioInitCb(channels, sampleRate);
+    OPlayerPlaybackApi* bridge = bridgeOf(api);
+    if (!bridge)
+        return;
+    std::lock_guard<std::mutex> lock(bridge->m_audioMutex);
+    bridge->m_formatAnnounced = true;
+    bridge->m_announcedChannels = channels;
+    bridge->m_announcedRate = sampleRate;
+    if (bridge->m_audioInitCb)
+        bridge->m_audioInitCb(channels, sampleRate);
 }
 
 void OPlayerPlaybackApi::audioShutdown(oplayer_audio_api* api)
 {
-    bridgeOf(api)->m_audioShutdownCb();
+    OPlayerPlaybackApi* bridge = bridgeOf(api);
+    if (!bridge)
+        return;
+    std::lock_guard<std::mutex> lock(bridge->m_audioMutex);
+    bridge->m_formatAnnounced = false;
+    if (bridge->m_audioShutdownCb)
+        bridge->m_audioShutdownCb();
 }
 
 void OPlayerPlaybackApi::audioFlush(oplayer_audio_api* api)
 {
-    bridgeOf(api)->m_audioFlushCb();
+    OPlayerPlaybackApi* bridge = bridgeOf(api);
+    if (!bridge)
+        return;
+    std::lock_guard<std::mutex> lock(bridge->m_audioMutex);
+    if (bridge->m_audioFlushCb)
+        bridge->m_audioFlushCb();
 }
 
 unsigned long OPlayerPlaybackApi::audioData(oplayer_audio_api* api, const short* samples, unsigned long count,
                                             unsigned int* out)
 {
-    return bridgeOf(api)->m_audioDataCb(samples, count, out);
+    OPlayerPlaybackApi* bridge = bridgeOf(api);
+    if (bridge) {
+        std::lock_guard<std::mutex> lock(bridge->m_audioMutex);
+        if (bridge->m_audioDataCb)
+            return bridge->m_audioDataCb(samples, count, out);
+    }
+    if (out)
+        *out = 0;
+    return 0;
 }
 
 void OPlayerPlaybackApi::audioPauseChanged(oplayer_audio_api* api, int paused)
 {
-    Q_EMIT bridgeOf(api)->pauseChanged(paused != 0);
+    OPlayerPlaybackApi* bridge = bridgeOf(api);
+    if (!bridge)
+        return;
+    bridge->m_announcedPaused = paused != 0 ? 1 : 0;
+    Q_EMIT bridge->pauseChanged(paused != 0);
 }
 
 void OPlayerPlaybackApi::audioVolumeChanged(oplayer_audio_api* api, int volume)
 {
-    Q_EMIT bridgeOf(api)->volumeChanged(volume);
+    OPlayerPlaybackApi* bridge = bridgeOf(api);
+    if (!bridge)
+        return;
+    bridge->m_announcedVolume = volume;
+    Q_EMIT bridge->volumeChanged(volume);
 }

@@ -46,16 +46,35 @@ OrvelloAudioTransfer::~OrvelloAudioTransfer()
 {
     ORVELLO_ENTER(logger);
     m_sender.disconnect();
+    std::lock_guard<std::mutex> lock(m_pendingMutex);
     m_pendingFuture.reset();
+    m_connectFuture.reset();
     // The members go in reverse order: sender, channel, pool, and last the loop they ran on.
 }
 
 CMReply<void> OrvelloAudioTransfer::connect()
 {
     CMReply<void> reply;
-    m_pendingFuture = m_sender.connect();
+    smt2::Future<smt2::ErrorID> attempt;
+    {
+        std::lock_guard<std::mutex> lock(m_pendingMutex);
+        if (m_senderState.load(std::memory_order_seq_cst) == kStreamingState) {
+            // Connecting again would make the sender refuse and end the stream that plays.
+            LOG4CPLUS_DEBUG(logger, "SMT already streaming, keeping the connection");
+            reply.setValue();
+            return reply;
+        }
+        if (m_connectFuture.valid() && !m_connectFuture.isReady()) {
+            LOG4CPLUS_DEBUG(logger, "SMT connection under way, answering when it completes");
+            attempt = m_connectFuture;
+        } else {
+            m_connectFuture = m_sender.connect();
+            m_pendingFuture = m_connectFuture;
+            attempt = m_connectFuture;
+        }
+    }
     auto sharedReply = std::make_shared<CMReply<void>>(reply);
-    m_pendingFuture.then([this, sharedReply](smt2::Future<smt2::ErrorID> future) {
+    attempt.then([sharedReply](smt2::Future<smt2::ErrorID> future) {
         const smt2::ErrorID error = future.get();
         if (error == smt2::ErrorID::Success) {
             LOG4CPLUS_DEBUG(logger, "SMT connected");
@@ -99,6 +118,7 @@ int OrvelloAudioTransfer::processData(const char* data, size_t size)
         return 0;
     }
     int result = 0;
+    std::unique_lock<std::mutex> lock(m_pendingMutex);
     if (size != 0 && !(m_pendingFuture.valid() && !m_pendingFuture.isReady())) {
         int n = static_cast<int>(size);
         if (n > kMaxChunk)
@@ -110,6 +130,7 @@ int OrvelloAudioTransfer::processData(const char* data, size_t size)
             nonstd::span_lite::span<const unsigned char>(reinterpret_cast<const unsigned char*>(data), size_t(n)));
         result = n;
     }
+    lock.unlock();
     LOG4CPLUS_DEBUG(logger, "Leave " << ORVELLO_FUNCTION << ": written: " << result);
     return result;
 }

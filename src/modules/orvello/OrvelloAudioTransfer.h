@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 // Carries the player library's PCM to the platform's audio pipeline over smt2 on the Unix
 // socket "/tmp/orvello/smt2socketaddress". Keeps no audio of its own: processData sends at
@@ -20,8 +21,8 @@
 // Threads: construction, connect(), close() and destruction on the play logic's thread;
 // setStreamFormat, processData, flush and sendStreamEnd on the player library's audio
 // threads. The sender's handlers and the connect reply are answered on the audio loop thread
-// "orvelloAudioLoopThread" (or inside connect()). connect() must not run while audio is
-// being delivered: both replace the pending-send handle without a lock.
+// "orvelloAudioLoopThread" (or inside connect()). connect() may run on any thread while audio
+// is being delivered: the pending-send handle is guarded.
 class OrvelloAudioTransfer
 {
 public:
@@ -31,7 +32,9 @@ public:
     OrvelloAudioTransfer& operator=(const OrvelloAudioTransfer&) = delete;
 
     // Starts connecting; the reply is answered once the attempt completes, with the error
-    // "Failed to connect" when it fails. Reconnecting is the caller's decision.
+    // "Failed to connect" when it fails. Reconnecting is the caller's decision. While streaming
+    // the stream is kept and the reply succeeds at once; while an attempt is under way the
+    // reply follows that attempt.
     CMReply<void> connect();
     // True once the sender has left the disconnected state (audio flows only when streaming).
     bool connected();
@@ -51,5 +54,9 @@ private:
     smt2::UnixClientSocketChannel m_channel;
     smt2::AudioSender m_sender;
     std::atomic<std::int32_t> m_senderState;
+    // Guards both handles: connect() and processData run on different threads.
+    std::mutex m_pendingMutex;
     smt2::Future<smt2::ErrorID> m_pendingFuture;
+    // The last connection attempt's result.
+    smt2::Future<smt2::ErrorID> m_connectFuture;
 };

@@ -61,9 +61,33 @@ OrvelloPlayLogic::OrvelloPlayLogic(CMNodes* nodes, OPlayerPlaybackApi* playbackA
     m_systemVolume.enable();
     vraxConnect(m_playbackApi, &OPlayerPlaybackApi::volumeChanged, this, &OrvelloPlayLogic::on_playbackApi_volumeChanged);
     vraxConnect(&m_systemVolume, &SystemVolumeProxy::volumeChanged, this, &OrvelloPlayLogic::on_systemVolume_volumeChanged);
+
+    // The library may have announced its state before anyone listened (it may start at create,
+    // from its own thread). What it announced after the connections above arrives once more,
+    // queued: both receivers take the same value twice without effect.
+    const int paused = m_playbackApi->announcedPaused();
+    if (paused >= 0)
+        on_playbackApi_pauseChanged(paused != 0);
+    const int volume = m_playbackApi->announcedVolume();
+    if (volume >= 0)
+        on_playbackApi_volumeChanged(volume);
 }
 
-OrvelloPlayLogic::~OrvelloPlayLogic() = default;
+// The callbacks go first, waiting for a call in progress on a library thread, so none runs on a
+// play logic that is being torn down.
+OrvelloPlayLogic::~OrvelloPlayLogic()
+{
+    m_playbackApi->setAudioDataCb(nullptr);
+    m_playbackApi->setAudioFlushCb(nullptr);
+    m_playbackApi->setAudioShutdownCb(nullptr);
+    m_playbackApi->setAudioInitCb(nullptr);
+    CMVoidReply pending;
+    {
+        std::lock_guard<std::mutex> lock(m_connectReplyMutex);
+        pending = m_connectReply;
+    }
+    pending.cancel();
+}
 
 unsigned long OrvelloPlayLogic::samplesFromBytes(int bytes)
 {
@@ -120,6 +144,9 @@ void OrvelloPlayLogic::playInternal(const CMSetDataRequest& request, const VraxP
     // Pending first, so an init callback racing on the library's thread connects exactly once.
     m_connectPending = true;
     connectIfPendingAndFormatKnown();
+    // A stop paused the library (playbackEnded); nothing else would bring the audio back.
+    if (m_playbackApi->isPaused())
+        m_playbackApi->resume();
     request.reply().setValue(QVariant());
 }
 
@@ -135,6 +162,8 @@ void OrvelloPlayLogic::pauseInternal(const CMSetDataRequest& request)
 
 void OrvelloPlayLogic::playbackEnded()
 {
+    // A connect still waiting for the format belongs to the playback that ends here.
+    m_connectPending = false;
     m_playbackApi->pause();
     m_audioTransfer->close();
     CMVoidReply pending;

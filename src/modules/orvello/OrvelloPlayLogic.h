@@ -23,9 +23,11 @@ class OrvelloPlayLogic : public StreamerPlayLogic
 {
     Q_OBJECT
 public:
-    // playbackApi is not owned and must outlive this object; the library must stop calling
-    // the audio table before this object is destroyed.
+    // playbackApi is not owned and must outlive this object. A format, pause state and volume
+    // the library announced before this object existed are taken over.
     OrvelloPlayLogic(CMNodes* nodes, OPlayerPlaybackApi* playbackApi);
+    // Removes the audio callbacks first (waiting for one running on a library thread) and
+    // cancels a connect still under way.
     ~OrvelloPlayLogic() override;
 
     // What the library's data callback returns for the transfer's result: bytes back to 16-bit
