@@ -210,6 +210,12 @@ private Q_SLOTS:
             << (QStringList{enter} + found(kSearchList[0])
                 + QStringList{QStringLiteral("ERROR Error resolving the OPLAYER_API symbol: *")}
                 + missing(kSearchList[1]) + missing(kSearchList[2]) + found(kSearchList[3]) + QStringList{running});
+        QTest::newRow("entry table without run_once, then good")
+            << QStringLiteral(FAKE_NO_RUN_ONCE) << QStringLiteral(FAKE_GOOD) << true
+            << (QStringList{enter} + found(kSearchList[0])
+                + QStringList{QStringLiteral("ERROR The OPLAYER_API table of ") + kSearchList[0]
+                              + QStringLiteral(" has no run_once entry; trying the next path")}
+                + missing(kSearchList[1]) + missing(kSearchList[2]) + found(kSearchList[3]) + QStringList{running});
         QTest::newRow("not a library, then good")
             << QStringLiteral(BROKEN_FILE) << QStringLiteral(FAKE_GOOD) << true
             << (QStringList{enter, QStringLiteral("TRACE Considering liboplayer path: ") + kSearchList[0],
@@ -822,7 +828,7 @@ private Q_SLOTS:
         lib->pair(pairRequest(QStringLiteral("ABCDEF"), reply));
         QVERIFY(!reply.isFinished());
         if (end == QLatin1String("swap")) {
-            QVERIFY(placeLibrary(swapTo, kDownloadPath));
+            QVERIFY(placeVerifiedDownload(swapTo));
             lib->requestExit();
         } else if (end == QLatin1String("shutdown")) {
             lib->shutdown();
