@@ -7,6 +7,7 @@
  *   FAKE_PAIR_START_RESULT=n  what pairing start returns (default 0)
  *   FAKE_PAIR_DELAY_MS=n      poll gives the outcome once this long has passed since start
  *   FAKE_PAIR_SUCCESS=0       the outcome is a failure with a null message (default success)
+ *   FAKE_NO_RUN_ONCE          the entry table has no run_once
  * What it receives is recorded and read back through the exported fake_* getters.
  */
 #define _GNU_SOURCE
@@ -129,7 +130,7 @@ static void fake_get_version(void* reserved, char* buffer, size_t size)
     strncpy(buffer, "fake-9.9.9", size - 1);
 }
 
-static int fake_run_once(oplayer* player)
+__attribute__((unused)) static int fake_run_once(oplayer* player)
 {
     struct timespec pause = { 0, 1000000 };
     (void)player;
@@ -234,7 +235,11 @@ EXPORT const oplayer_api FAKE_TABLE_NAME = {
     fake_create,
     fake_destroy,
     fake_get_version,
+#ifdef FAKE_NO_RUN_ONCE
+    NULL,
+#else
     fake_run_once,
+#endif
     fake_request_exit,
     NULL,
     fake_controls_api,

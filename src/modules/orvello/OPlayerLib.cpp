@@ -195,6 +195,11 @@ void OPlayerLib::requestExit()
         return;
     }
     LOG4CPLUS_INFO(logger, "Requesting exit at end of song");
+    if (!m_api->request_exit) {
+        LOG4CPLUS_WARN(logger, "The player library has no request_exit entry; it plays on, and the update waits "
+                               "until its loop ends by itself");
+        return;
+    }
     m_api->request_exit(m_oplayer, OPLAYER_EXIT_AT_END_OF_SONG);
 }
 
@@ -346,6 +351,15 @@ bool OPlayerLib::loadFrom(const QString& path)
         unload();
         return false;
     }
+    // Without these the host could neither start, turn nor end an instance.
+    const char* missing = !m_api->create ? "create" : !m_api->run_once ? "run_once" : !m_api->destroy ? "destroy" : nullptr;
+    if (missing) {
+        LOG4CPLUS_ERROR(logger, "The OPLAYER_API table of " << path << " has no " << missing
+                                                            << " entry; trying the next path");
+        m_api = nullptr;
+        unload();
+        return false;
+    }
 
     const int result = m_api->create(m_createParams, &m_oplayer);
     if (!m_oplayer) {
@@ -357,15 +371,19 @@ bool OPlayerLib::loadFrom(const QString& path)
 
     char version[1024];
     std::memset(version, 0, sizeof(version));
-    m_api->get_version(nullptr, version, sizeof(version));
+    if (m_api->get_version)
+        m_api->get_version(nullptr, version, sizeof(version));
+    else
+        LOG4CPLUS_WARN(logger, "The player library has no get_version entry; its version is published empty");
     m_runningVersion = QString::fromLatin1(version, static_cast<int>(qstrnlen(version, sizeof(version))));
     LOG4CPLUS_INFO(logger, "Running SDK version: " << m_runningVersion);
     storeString(VraxOrvelloSdkVersion(), m_runningVersion);
 
-    m_playbackApi.setControlsApi(m_api->controls_api());
-    m_playbackApi.setMetadataApi(m_api->metadata_api());
+    // A missing getter is a missing table; the bridge and pair() answer those as without a library.
+    m_playbackApi.setControlsApi(m_api->controls_api ? m_api->controls_api() : nullptr);
+    m_playbackApi.setMetadataApi(m_api->metadata_api ? m_api->metadata_api() : nullptr);
     m_playbackApi.setOPlayer(m_oplayer);
-    m_pairingApi = m_api->pairing_api();
+    m_pairingApi = m_api->pairing_api ? m_api->pairing_api() : nullptr;
 
     QTimer::singleShot(0, Qt::PreciseTimer, this, &OPlayerLib::mainLoop);
     return true;
