@@ -17,6 +17,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSaveFile>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -619,56 +620,56 @@ const char* const kOpenSwapLoop = "a verified update that does not load is swapp
 const std::vector<Fault> kFaults = {
     // Service and network: the device plays 1.0.0, the service offers 1.1.0 and fails; survival is
     // audio throughout, the failure in the log, 1.0.0 kept, and the update once the fault is cleared.
-    {"config-404", "the document answers 404", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"config-status=404"}, kNoConfig + "404"), nullptr, Plain},
-    {"config-500", "the document answers 500", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"config-status=500"}, kNoConfig + "500"), nullptr, Plain},
-    {"config-empty", "the document is an empty 200", "plays on at 1.0.0, logs the empty body, updates once cleared", serviceFails({"config-empty"}, "JSON fetch result output is empty."), nullptr, Plain},
-    {"config-not-json", "the document is not JSON", "plays on at 1.0.0, logs the parse error, updates once cleared", serviceFails({"config-not-json"}, "An error occurred during parsing of the config JSON: "), nullptr, Plain},
-    {"config-missing-fields", "the document is {}", "plays on at 1.0.0 and downloads nothing, updates once cleared", serviceFails({"config-missing-fields"}, "Version  already on the device, ignoring..."), nullptr, Plain},
-    {"config-wrong-types", "version a number, link an array, checksum a bool", "plays on at 1.0.0, reads no version and downloads nothing, updates once cleared", serviceFails({"config-wrong-types"}, "Version  already on the device, ignoring..."), nullptr, Plain},
+    {"config-404", "the document answers 404", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"config-status=404"}, kNoConfig + "404"), nullptr, AlsoAsan},
+    {"config-500", "the document answers 500", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"config-status=500"}, kNoConfig + "500"), nullptr, AlsoAsan},
+    {"config-empty", "the document is an empty 200", "plays on at 1.0.0, logs the empty body, updates once cleared", serviceFails({"config-empty"}, "JSON fetch result output is empty."), nullptr, AlsoAsan},
+    {"config-not-json", "the document is not JSON", "plays on at 1.0.0, logs the parse error, updates once cleared", serviceFails({"config-not-json"}, "An error occurred during parsing of the config JSON: "), nullptr, AlsoAsan},
+    {"config-missing-fields", "the document is {}", "plays on at 1.0.0 and downloads nothing, updates once cleared", serviceFails({"config-missing-fields"}, "Version  already on the device, ignoring..."), nullptr, AlsoAsan},
+    {"config-wrong-types", "version a number, link an array, checksum a bool", "plays on at 1.0.0, reads no version and downloads nothing, updates once cleared", serviceFails({"config-wrong-types"}, "Version  already on the device, ignoring..."), nullptr, AlsoAsan},
     {"config-long-version", "a 100,000-character version that sorts newer", "plays on through the swap to 1.1.0 and every swap after it", serviceFails({"config-long-version"}, kUpdated, "1.1.0"), nullptr, AlsoAsan},
     {"config-too-slow", "the document answers after 31 s", "plays on through the client's 30 s timeout and logs it", serviceTooSlow("config-delay=31000", kNoConfig + "0"), nullptr, Plain},
-    {"library-404", "the library download answers 404", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"library-status=404"}, "Downloading library failed with HTTP code: 404"), nullptr, Plain},
+    {"library-404", "the library download answers 404", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"library-status=404"}, "Downloading library failed with HTTP code: 404"), nullptr, AlsoAsan},
     {"library-truncated", "the library announces its length, sends half and closes", "plays on at 1.0.0, the half file is never verified, updates once cleared", serviceFails({"library-truncated"}, kDownloadFailed), nullptr, AlsoAsan},
-    {"library-oversized", "a library body of 16 MiB + 64 KiB with its length", "plays on at 1.0.0, the body is refused, updates once cleared", serviceFails({"library-oversized"}, kDownloadFailed), nullptr, Plain},
-    {"library-oversized-chunked", "the same body without a length", "plays on at 1.0.0, the body is refused, updates once cleared", serviceFails({"library-oversized-chunked"}, kDownloadFailed), nullptr, Plain},
+    {"library-oversized", "a library body of 16 MiB + 64 KiB with its length", "plays on at 1.0.0, the body is refused, updates once cleared", serviceFails({"library-oversized"}, kDownloadFailed), nullptr, AlsoAsan},
+    {"library-oversized-chunked", "the same body without a length", "plays on at 1.0.0, the body is refused, updates once cleared", serviceFails({"library-oversized-chunked"}, kDownloadFailed), nullptr, AlsoAsan},
     {"library-too-slow", "the library answers after 31 s", "plays on through the client's 30 s timeout, the download fails", serviceTooSlow("library-delay=31000", kDownloadFailed), nullptr, Plain},
     {"service-killed-mid-download", "SIGKILL to the service halfway through a download", "plays on, the download fails, updates once the service is back", serviceKilledMidDownload, nullptr, AlsoAsan},
-    {"service-absent", "nothing listens at the version URL", "plays on, logs status 0, updates once a service listens there", serviceAbsent, nullptr, Plain},
-    {"version-url-garbage", "the version URL is '::not a url::'", "plays on at 1.0.0 and logs status 0 at each check", badVersionUrl("::not a url::"), nullptr, Plain},
-    {"version-url-not-http", "the version URL is file:///etc/passwd", "plays on at 1.0.0 and logs status 0 at each check", badVersionUrl("file:///etc/passwd"), nullptr, Plain},
+    {"service-absent", "nothing listens at the version URL", "plays on, logs status 0, updates once a service listens there", serviceAbsent, nullptr, AlsoAsan},
+    {"version-url-garbage", "the version URL is '::not a url::'", "plays on at 1.0.0 and logs status 0 at each check", badVersionUrl("::not a url::"), nullptr, AlsoAsan},
+    {"version-url-not-http", "the version URL is file:///etc/passwd", "plays on at 1.0.0 and logs status 0 at each check", badVersionUrl("file:///etc/passwd"), nullptr, AlsoAsan},
 
     // Update content: 1.1.0 offered with its correct checksum but unusable.
     {"update-not-elf", "a new library of random bytes (system copy present)", "plays on at 1.0.0, tries it at most once, keeps 1.0.0 across a restart", badUpdate(notElf, LibraryAt::SystemCopy), kOpenSwapLoop, AlsoAsan},
-    {"update-not-elf-installed-only", "a new library of random bytes (only an installed 1.0.0)", "plays on at 1.0.0, tries it at most once, keeps 1.0.0 across a restart", badUpdate(notElf, LibraryAt::Installed), "the good installed copy is deleted before the new one loads: silence, and silence after a restart (issue 14)", Plain},
+    {"update-not-elf-installed-only", "a new library of random bytes (only an installed 1.0.0)", "plays on at 1.0.0, tries it at most once, keeps 1.0.0 across a restart", badUpdate(notElf, LibraryAt::Installed), "the good installed copy is deleted before the new one loads: silence, and silence after a restart (issue 14)", AlsoAsan},
     {"update-no-entry-symbol", "a new library without OPLAYER_API_5TQX2M", "plays on at 1.0.0, tries it at most once, keeps 1.0.0 across a restart", badUpdate(noEntrySymbol, LibraryAt::SystemCopy), kOpenSwapLoop, AlsoAsan},
-    {"update-create-fails", "a new library whose create fails", "plays on at 1.0.0, tries it at most once, keeps 1.0.0 across a restart", badUpdate(createFails, LibraryAt::SystemCopy), kOpenSwapLoop, Plain},
-    {"update-wrong-checksum", "the document's checksum is not the file's", "plays on at 1.0.0, logs the failed verification, updates once cleared", serviceFails({"wrong-checksum"}, "Failed to verify downlaoded library"), nullptr, Plain},
-    {"update-uppercase-checksum", "the checksum in uppercase hex", "plays on at 1.0.0, does not verify it, updates once cleared", serviceFails({"uppercase-checksum"}, "Failed to verify downlaoded library"), nullptr, Plain},
-    {"unverified-download-at-restart", "a download that failed verification, then a restart", "after the restart 1.0.0 plays: the unverified file is never loaded", unverifiedDownloadAtRestart, "a download that failed verification is installed and loaded at the next start (issue 14)", Plain},
+    {"update-create-fails", "a new library whose create fails", "plays on at 1.0.0, tries it at most once, keeps 1.0.0 across a restart", badUpdate(createFails, LibraryAt::SystemCopy), kOpenSwapLoop, AlsoAsan},
+    {"update-wrong-checksum", "the document's checksum is not the file's", "plays on at 1.0.0, logs the failed verification, updates once cleared", serviceFails({"wrong-checksum"}, "Failed to verify downlaoded library"), nullptr, AlsoAsan},
+    {"update-uppercase-checksum", "the checksum in uppercase hex", "plays on at 1.0.0, does not verify it, updates once cleared", serviceFails({"uppercase-checksum"}, "Failed to verify downlaoded library"), nullptr, AlsoAsan},
+    {"unverified-download-at-restart", "a download that failed verification, then a restart", "after the restart 1.0.0 plays: the unverified file is never loaded", unverifiedDownloadAtRestart, "a download that failed verification is installed and loaded at the next start (issue 14)", AlsoAsan},
 
     // Disk.
-    {"data-rw-read-only", "data-rw mounted read-only, an update offered", "plays on at 1.0.0, the install fails once and is not retried at every song end", dataRwReadOnly, "a read-only data-rw makes every song end a failed install and a reload (issue 14)", Plain},
-    {"data-rw-full", "data-rw/orvello a 40 KiB tmpfs, an update offered", "plays on at 1.0.0 and tries the install at most once", dataRwFull, "the copy cut short by the full disk stays installed and is loaded (issue 14)", Plain},
-    {"tmp-full", "/tmp full while an update is offered", "plays on at 1.0.0 and logs the failed download", tmpFull, nullptr, Plain},
+    {"data-rw-read-only", "data-rw mounted read-only, an update offered", "plays on at 1.0.0, the install fails once and is not retried at every song end", dataRwReadOnly, "a read-only data-rw makes every song end a failed install and a reload (issue 14)", AlsoAsan},
+    {"data-rw-full", "data-rw/orvello a 40 KiB tmpfs, an update offered", "plays on at 1.0.0 and tries the install at most once", dataRwFull, "the copy cut short by the full disk stays installed and is loaded: SIGBUS at once or later (issue 14)", AlsoAsan},
+    {"tmp-full", "/tmp full while an update is offered", "plays on at 1.0.0 and logs the failed download", tmpFull, nullptr, AlsoAsan},
     {"settings-read-only", "the settings file mounted read-only, then a pairing", "the pairing plays; an ERROR line says the token could not be saved", settingsReadOnly, nullptr, AlsoAsan},
-    {"settings-not-json", "the settings file cut in half, then a start", "vrax-host refuses to start with status 1 and a message naming the file", settingsNotJson, nullptr, Plain},
-    {"settings-wrong-types", "outputSampleRate a string, then a start", "no crash: the log says the library refused the format, state stays 0", settingsWrongTypes, nullptr, Plain},
+    {"settings-not-json", "the settings file cut in half, then a start", "vrax-host refuses to start with status 1 and a message naming the file", settingsNotJson, nullptr, AlsoAsan},
+    {"settings-wrong-types", "outputSampleRate a string, then a start", "no crash: the log says the library refused the format, state stays 0", settingsWrongTypes, nullptr, AlsoAsan},
     {"tmp-orvello-removed", "/tmp/orvello removed while playing, then an update", "plays on at 1.0.0 and logs that it cannot write the download", tmpOrvelloRemoved, nullptr, AlsoAsan},
 
     // Power and process.
-    {"sigkill-mid-pairing", "SIGKILL 0.5 s into a pairing, then a restart", "the restart waits for a code and a new code pairs and plays", killMidPairing, nullptr, Plain},
+    {"sigkill-mid-pairing", "SIGKILL 0.5 s into a pairing, then a restart", "the restart waits for a code and a new code pairs and plays", killMidPairing, nullptr, AlsoAsan},
     {"sigkill-after-pairing", "SIGKILL right after a pairing, then a restart", "the restart is paired and plays by itself", killAfterPairing, nullptr, AlsoAsan},
-    {"sigkill-pending-install", "SIGKILL between a verified download and its swap, then a restart", "the restart installs the verified file and plays 1.1.0", killPendingInstall, nullptr, Plain},
-    {"power-cut-half-installed", "the installed library is the first half of 1.1.0 (system copy present)", "starts and plays the system copy 1.0.0", cutInstalledLibrary(-1), "the truncated installed library is loaded instead of the system copy, its missing half a SIGBUS in waiting (issue 14)", Plain},
-    {"power-cut-header-installed", "the installed library is the first 4 KiB of 1.1.0 (system copy present)", "starts and plays the system copy 1.0.0", cutInstalledLibrary(4096), "vrax-host crashes loading the truncated installed library, at every start (issue 14)", Plain},
-    {"sigterm-mid-download", "SIGTERM halfway through a download, then a restart", "vrax-host ends with 0; the restart plays and updates", termMidDownload, nullptr, Plain},
-    {"sigterm-at-swap", "SIGTERM when the swap is requested, then a restart", "vrax-host ends with 0; the restart plays 1.1.0", termAtSwap, nullptr, Plain},
-    {"sigstop-5s", "vrax-host stopped (SIGSTOP) for 5 s", "audio again within 5 s of SIGCONT", hostFrozen, nullptr, Plain},
+    {"sigkill-pending-install", "SIGKILL between a verified download and its swap, then a restart", "the restart installs the verified file and plays 1.1.0", killPendingInstall, nullptr, AlsoAsan},
+    {"power-cut-half-installed", "the installed library is the first half of 1.1.0 (system copy present)", "starts and plays the system copy 1.0.0", cutInstalledLibrary(-1), "the truncated installed library is loaded instead of the system copy: SIGBUS at once or later (issue 14)", AlsoAsan},
+    {"power-cut-header-installed", "the installed library is the first 4 KiB of 1.1.0 (system copy present)", "starts and plays the system copy 1.0.0", cutInstalledLibrary(4096), "vrax-host crashes loading the truncated installed library, at every start (issue 14)", AlsoAsan},
+    {"sigterm-mid-download", "SIGTERM halfway through a download, then a restart", "vrax-host ends with 0; the restart plays and updates", termMidDownload, nullptr, AlsoAsan},
+    {"sigterm-at-swap", "SIGTERM when the swap is requested, then a restart", "vrax-host ends with 0; the restart plays 1.1.0", termAtSwap, nullptr, AlsoAsan},
+    {"sigstop-5s", "vrax-host stopped (SIGSTOP) for 5 s", "audio again within 5 s of SIGCONT", hostFrozen, nullptr, AlsoAsan},
 
     // The device's controls.
-    {"stop-then-play", "the device's stop, then its play", "audio again within 5 s of the play", stopThenPlay, "stop then play leaves the play logic in state 1 with no audio for ever (issue 13)", Plain},
-    {"pause-toggles", "21 pause toggles back to back, then one more", "paused after 21, playing (state 2, audio) after 22", pauseToggles, nullptr, Plain},
-    {"odd-volumes", "volumes 150, -5, \"loud\", 50.5, null, true, 1e10, then 0, 100, 35", "the odd ones refused with 400 and the volume unchanged; plays on", oddVolumes, nullptr, Plain},
+    {"stop-then-play", "the device's stop, then its play", "audio again within 5 s of the play", stopThenPlay, "stop then play leaves the play logic in state 1 with no audio for ever (issue 13)", AlsoAsan},
+    {"pause-toggles", "21 pause toggles back to back, then one more", "paused after 21, playing (state 2, audio) after 22", pauseToggles, nullptr, AlsoAsan},
+    {"odd-volumes", "volumes 150, -5, \"loud\", 50.5, null, true, 1e10, then 0, 100, 35", "the odd ones refused with 400 and the volume unchanged; plays on", oddVolumes, nullptr, AlsoAsan},
     {"odd-pairing-codes", "codes empty, short, long, non-ASCII, control characters, 10,000 letters, refused, a number, 100,000 digits", "each answered 200 or 422, then a good code pairs and plays", oddPairingCodes, nullptr, AlsoAsan},
     {"two-codes-at-once", "two pairing codes sent together", "both answered, the device plays", twoCodesAtOnce, nullptr, AlsoAsan},
     {"codes-during-swaps", "five pairing codes, each as a good library is swapped in", "every code answered, 1.1.0 plays", codesDuringSwaps(false), "a code entered while the library swaps is never answered: the control API gives up after 30 s (issue 13)", Plain},
@@ -792,6 +793,7 @@ void TestFaults::fault()
     QString report;
     bool survived = false;
     QString failures;
+    QStringList sanitizerReports;
     {
         FaultDevice device(kBinaries, work.path());
         fault.run(device);
@@ -805,6 +807,16 @@ void TestFaults::fault()
         failures = device.failures();
         if (!survived || qEnvironmentVariableIsSet("FAULTS_REPORT"))
             report = device.report();
+        // A crash on a signal may be the known fault; a memory error or undefined behaviour never is.
+        static const QRegularExpression memoryError(QStringLiteral(
+            "ERROR: (AddressSanitizer: (?!SEGV|BUS|FPE|ILL|ABRT)|LeakSanitizer)|runtime error:|WARNING: ThreadSanitizer"));
+        const QStringList log = device.log();
+        sanitizerReports = log.filter(memoryError);
+        if (!survived) {
+            QFile file(work.filePath(QStringLiteral("host.log")));
+            if (file.open(QIODevice::WriteOnly))
+                file.write(log.join(QLatin1Char('\n')).toUtf8() + '\n');
+        }
     }
     writeResult(fault, survived, failures);
     if (!report.isEmpty())
@@ -813,6 +825,7 @@ void TestFaults::fault()
         work.setAutoRemove(false);
         qInfo("work directory kept: %s", qPrintable(work.path()));
     }
+    QVERIFY2(sanitizerReports.isEmpty(), qPrintable(sanitizerReports.join(QLatin1Char('\n'))));
     if (fault.open)
         QEXPECT_FAIL("", fault.open, Abort);
     QVERIFY2(survived, qPrintable(failures));
