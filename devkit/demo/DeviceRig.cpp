@@ -25,8 +25,12 @@ int readListeningPort(QProcess* process, const QString& prefix, QString* error)
     while (!process->canReadLine()) {
         if (process->state() == QProcess::NotRunning || !process->waitForReadyRead(int(deadline.remainingTime()))) {
             if (process->state() == QProcess::NotRunning || deadline.hasExpired()) {
-                *error = QStringLiteral("%1 did not start: %2").arg(process->program(),
-                                                                    QString::fromLocal8Bit(process->readAllStandardError().trimmed()));
+                const QString how = process->state() != QProcess::NotRunning ? QStringLiteral("still starting")
+                                    : process->exitStatus() == QProcess::CrashExit
+                                        ? QStringLiteral("crashed")
+                                        : QStringLiteral("exit status %1").arg(process->exitCode());
+                *error = QStringLiteral("%1 did not start (%2): %3")
+                             .arg(process->program(), how, QString::fromLocal8Bit(process->readAllStandardError().trimmed()));
                 return 0;
             }
         }
@@ -55,12 +59,27 @@ DeviceRig::DeviceRig(const Paths& paths, const QString& workDir) : m_paths(paths
 DeviceRig::~DeviceRig()
 {
     stopHost();
-    if (m_service) {
-        m_service->closeWriteChannel();
-        if (!m_service->waitForFinished(5000))
-            m_service->kill();
-        m_service->waitForFinished(5000);
-    }
+    stopService();
+}
+
+void DeviceRig::stopService()
+{
+    if (!m_service)
+        return;
+    m_service->closeWriteChannel();
+    if (!m_service->waitForFinished(5000))
+        m_service->kill();
+    m_service->waitForFinished(5000);
+    m_service.reset();
+}
+
+void DeviceRig::killService()
+{
+    if (!m_service)
+        return;
+    m_service->kill();
+    m_service->waitForFinished(5000);
+    m_service.reset();
 }
 
 QString DeviceRig::dataDir() const
@@ -73,9 +92,16 @@ QString DeviceRig::devTreeLibraryPath() const
     return QDir::cleanPath(dataDir() + QStringLiteral("/../../build/Hollowkit-blobs-links/Orvello/lib/linux_x86_64/liboplayer-1.so"));
 }
 
-bool DeviceRig::startService(const QString& version, const QString& libraryFile, QString* error)
+QString DeviceRig::serviceDir() const
 {
-    const QString dir = m_workDir + QStringLiteral("/service");
+    return m_workDir + QStringLiteral("/service");
+}
+
+bool DeviceRig::startService(const QString& version, const QString& libraryFile, QString* error,
+                             const QStringList& arguments)
+{
+    stopService();
+    const QString dir = serviceDir();
     QDir().mkpath(dir);
     const QString name = QStringLiteral("liboplayer-1.so");
     QFile::remove(dir + QLatin1Char('/') + name);
@@ -86,8 +112,9 @@ bool DeviceRig::startService(const QString& version, const QString& libraryFile,
     m_service = std::make_unique<QProcess>();
     m_service->setProcessChannelMode(QProcess::SeparateChannels);
     m_service->setStandardErrorFile(m_workDir + QStringLiteral("/service.log"));
-    m_service->start(m_paths.service, {QStringLiteral("--dir"), dir, QStringLiteral("--version"), version,
-                                       QStringLiteral("--library"), name, QStringLiteral("--stop-on-eof")});
+    m_service->start(m_paths.service, QStringList{QStringLiteral("--dir"), dir, QStringLiteral("--version"), version,
+                                                  QStringLiteral("--library"), name, QStringLiteral("--stop-on-eof")}
+                                          + arguments);
     m_servicePort = readListeningPort(m_service.get(), QStringLiteral("listening on"), error);
     return m_servicePort != 0;
 }
@@ -107,18 +134,37 @@ bool DeviceRig::startHost(const QVariantHash& settings, const QString& audioOut,
         return false;
     }
     file.close();
-    m_host = std::make_unique<QProcess>();
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    m_hostEnvironment = QProcessEnvironment::systemEnvironment();
     for (const QString& entry : env)
-        environment.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
-    m_host->setProcessEnvironment(environment);
+        m_hostEnvironment.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
+    m_hostArguments = QStringList{QStringLiteral("--module"), m_paths.module, QStringLiteral("--data-dir"), dataDir(),
+                                  QStringLiteral("--settings"), settingsFile, QStringLiteral("--control-port"),
+                                  QStringLiteral("0"), QStringLiteral("--audio-out"), audioOut, QStringLiteral("--pace"), pace}
+                      + m_extraHostArguments;
+    return launchHost(error);
+}
+
+bool DeviceRig::restartHost(QString* error)
+{
+    if (m_hostArguments.isEmpty()) {
+        *error = QStringLiteral("the host was never started");
+        return false;
+    }
+    if (hostRunning()) {
+        *error = QStringLiteral("the host is still running");
+        return false;
+    }
+    return launchHost(error);
+}
+
+bool DeviceRig::launchHost(QString* error)
+{
+    m_host = std::make_unique<QProcess>();
+    m_host->setProcessEnvironment(m_hostEnvironment);
     m_hostLog.clear();
     m_partialLine.clear();
     QObject::connect(m_host.get(), &QProcess::readyReadStandardError, [this] { readHostLog(); });
-    const QStringList arguments{QStringLiteral("--module"), m_paths.module, QStringLiteral("--data-dir"), dataDir(),
-                                QStringLiteral("--settings"), settingsFile, QStringLiteral("--control-port"),
-                                QStringLiteral("0"), QStringLiteral("--audio-out"), audioOut, QStringLiteral("--pace"), pace};
-    m_host->start(m_paths.host, arguments + m_extraHostArguments);
+    m_host->start(m_paths.host, m_hostArguments);
     m_controlPort = readListeningPort(m_host.get(), QStringLiteral("control API listening on"), error);
     if (m_controlPort == 0) {
         readHostLog();
@@ -153,6 +199,20 @@ int DeviceRig::stopHost()
             return -1;
         }
     }
+    return finishedHostCode();
+}
+
+int DeviceRig::waitForHostExit(int timeoutMs)
+{
+    if (!m_host)
+        return -1;
+    if (m_host->state() != QProcess::NotRunning && !m_host->waitForFinished(timeoutMs))
+        return -1;
+    return finishedHostCode();
+}
+
+int DeviceRig::finishedHostCode()
+{
     readHostLog();
     const int code = m_host->exitStatus() == QProcess::NormalExit ? m_host->exitCode() : -1;
     m_host.reset();
@@ -192,8 +252,18 @@ bool DeviceRig::waitForLog(const QString& text, int timeoutMs)
 
 DeviceRig::Answer DeviceRig::request(const QByteArray& method, const QString& path, const QByteArray& body)
 {
+    return send(m_controlPort, method, path, body);
+}
+
+DeviceRig::Answer DeviceRig::serviceRequest(const QByteArray& method, const QString& path, const QByteArray& body)
+{
+    return send(m_servicePort, method, path, body);
+}
+
+DeviceRig::Answer DeviceRig::send(int port, const QByteArray& method, const QString& path, const QByteArray& body)
+{
     QNetworkAccessManager manager;
-    QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_controlPort).arg(path)));
+    QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(port).arg(path)));
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     QNetworkReply* reply = manager.sendCustomRequest(request, method, body);
     QEventLoop loop;
@@ -203,7 +273,9 @@ DeviceRig::Answer DeviceRig::request(const QByteArray& method, const QString& pa
     Answer answer;
     if (reply->isFinished()) {
         answer.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        answer.body = QJsonDocument::fromJson(reply->readAll()).object();
+        const QJsonDocument document = QJsonDocument::fromJson(reply->readAll());
+        answer.body = document.object();
+        answer.array = document.array();
     }
     reply->abort();
     delete reply;
@@ -223,4 +295,20 @@ DeviceRig::Answer DeviceRig::post(const QString& path, const QJsonObject& body)
 DeviceRig::Answer DeviceRig::setValue(const QString& path, const QJsonValue& value)
 {
     return post(QStringLiteral("/api/value"), QJsonObject{{QStringLiteral("path"), path}, {QStringLiteral("value"), value}});
+}
+
+bool DeviceRig::setServiceState(const QJsonObject& change, QString* error)
+{
+    const Answer answer = serviceRequest("POST", QStringLiteral("/admin/state"), QJsonDocument(change).toJson(QJsonDocument::Compact));
+    if (!answer.ok())
+        *error = QStringLiteral("the service refused %1: %2 %3")
+                     .arg(QString::fromUtf8(QJsonDocument(change).toJson(QJsonDocument::Compact)))
+                     .arg(answer.status)
+                     .arg(answer.body.value(QStringLiteral("error")).toString());
+    return answer.ok();
+}
+
+QJsonArray DeviceRig::serviceRequests()
+{
+    return serviceRequest("GET", QStringLiteral("/admin/requests"), QByteArray()).array;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QProcess>
@@ -25,6 +26,7 @@ public:
     {
         int status = 0;       // HTTP status, 0 when the host could not be reached
         QJsonObject body;
+        QJsonArray array;     // the body when it is an array
         bool ok() const { return status == 200; }
         QString errorMessage() const;
     };
@@ -39,10 +41,20 @@ public:
     QString devTreeLibraryPath() const;
 
     // Starts orvello-service offering version with the library file (copied into the service's
-    // directory). False with the reason in error.
-    bool startService(const QString& version, const QString& libraryFile, QString* error);
+    // directory). arguments are added to its command line (--fail MODE, --port N). A service
+    // already running is stopped first. False with the reason in error.
+    bool startService(const QString& version, const QString& libraryFile, QString* error,
+                      const QStringList& arguments = {});
     int servicePort() const { return m_servicePort; }
     QString versionUrl() const;
+    // The directory the service serves files from.
+    QString serviceDir() const;
+    // POST /admin/state (version, library, fail); false with the service's answer in error.
+    bool setServiceState(const QJsonObject& change, QString* error);
+    // The service's non-admin requests so far (GET /admin/requests).
+    QJsonArray serviceRequests();
+    // SIGKILL, as a service that vanishes mid-answer.
+    void killService();
 
     // Writes the settings (path -> plain value) and starts vrax-host on them. env: extra
     // environment of the host (the reference library reads its own variables).
@@ -52,8 +64,14 @@ public:
     void setExtraHostArguments(const QStringList& arguments) { m_extraHostArguments = arguments; }
     // The running host's control port (its web page is at /), 0 before it started.
     int controlPort() const { return m_controlPort; }
+    // Starts vrax-host again with the arguments and environment of the last startHost, on the
+    // settings file as the device left it.
+    bool restartHost(QString* error);
     // SIGTERM and wait; the host's exit code, or -1 when it did not end in time or crashed.
     int stopHost();
+    // Waits up to timeoutMs for the host to end by itself (after a signal sent from outside);
+    // its exit code, or -1 when it crashed or is still running.
+    int waitForHostExit(int timeoutMs);
     bool hostRunning() const;
     // The running host's process id, 0 when there is none.
     qint64 hostPid() const;
@@ -69,7 +87,12 @@ public:
 
 private:
     Answer request(const QByteArray& method, const QString& path, const QByteArray& body);
+    Answer serviceRequest(const QByteArray& method, const QString& path, const QByteArray& body);
+    Answer send(int port, const QByteArray& method, const QString& path, const QByteArray& body);
+    bool launchHost(QString* error);
+    int finishedHostCode();
     void readHostLog();
+    void stopService();
 
     Paths m_paths;
     QString m_workDir;
@@ -78,6 +101,8 @@ private:
     int m_servicePort = 0;
     int m_controlPort = 0;
     QStringList m_extraHostArguments;
+    QStringList m_hostArguments;
+    QProcessEnvironment m_hostEnvironment;
     QStringList m_hostLog;
     QByteArray m_partialLine;
 };

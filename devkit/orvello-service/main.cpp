@@ -32,6 +32,7 @@ namespace {
 constexpr size_t kChunkBytes = 64 * 1024;
 // Just over the 16 MiB that devices accept.
 constexpr size_t kOversizedBytes = 16 * 1024 * 1024 + kChunkBytes;
+constexpr int kLongVersionLength = 100000;
 const char* const kDeviceHeaders[] = {"X-Device-Key-0", "X-Device-Id-0", "X-Device-Vendor"};
 
 const char* const kUsage =
@@ -42,7 +43,8 @@ const char* const kUsage =
     "  --library FILE     file in DIR that the document links to\n"
     "  --port N           port on 127.0.0.1 (default 0: a free port)\n"
     "  --fail MODE        config-status=CODE library-status=CODE config-delay=MS library-delay=MS\n"
-    "                     config-empty config-not-json library-truncated library-oversized\n"
+    "                     library-stall=MS config-empty config-not-json config-missing-fields\n"
+    "                     config-wrong-types config-long-version library-truncated library-oversized\n"
     "                     library-oversized-chunked wrong-checksum uppercase-checksum\n"
     "  --stop-on-eof      stop when standard input ends (the starting process went away)\n";
 
@@ -53,8 +55,12 @@ struct Faults
     int libraryStatus = 0;
     int configDelayMs = 0;
     int libraryDelayMs = 0;
+    int libraryStallMs = 0;
     bool configEmpty = false;
     bool configNotJson = false;
+    bool configMissingFields = false;
+    bool configWrongTypes = false;
+    bool configLongVersion = false;
     bool libraryTruncated = false;
     bool libraryOversized = false;
     bool libraryOversizedChunked = false;
@@ -89,12 +95,20 @@ bool addFault(Faults& faults, const QString& mode, QString* error)
         ok = hasArgument && parseNumber(argument, 0, 600000, &faults.configDelayMs);
     else if (name == QLatin1String("library-delay"))
         ok = hasArgument && parseNumber(argument, 0, 600000, &faults.libraryDelayMs);
+    else if (name == QLatin1String("library-stall"))
+        ok = hasArgument && parseNumber(argument, 0, 600000, &faults.libraryStallMs);
     else if (hasArgument)
         ok = false;
     else if (name == QLatin1String("config-empty"))
         faults.configEmpty = true;
     else if (name == QLatin1String("config-not-json"))
         faults.configNotJson = true;
+    else if (name == QLatin1String("config-missing-fields"))
+        faults.configMissingFields = true;
+    else if (name == QLatin1String("config-wrong-types"))
+        faults.configWrongTypes = true;
+    else if (name == QLatin1String("config-long-version"))
+        faults.configLongVersion = true;
     else if (name == QLatin1String("library-truncated"))
         faults.libraryTruncated = true;
     else if (name == QLatin1String("library-oversized"))
@@ -197,6 +211,14 @@ private:
             res.set_content("version=" + version.toStdString() + "\n", "application/json");
             return;
         }
+        if (faults.configMissingFields) {
+            res.set_content("{}", "application/json");
+            return;
+        }
+        if (faults.configWrongTypes) {
+            res.set_content(R"({"version": 110, "link": ["not", "a", "link"], "checksum": false})", "application/json");
+            return;
+        }
         QString error;
         QByteArray checksum = faults.wrongChecksum
             ? QCryptographicHash::hash("not the library", QCryptographicHash::Sha256).toHex()
@@ -209,7 +231,7 @@ private:
         if (faults.uppercaseChecksum)
             checksum = checksum.toUpper();
         const QJsonObject document{
-            {QStringLiteral("version"), version},
+            {QStringLiteral("version"), faults.configLongVersion ? longVersion(version) : version},
             {QStringLiteral("link"), QStringLiteral("http://127.0.0.1:%1/files/%2").arg(m_port).arg(library)},
             {QStringLiteral("checksum"), QString::fromLatin1(checksum)},
         };
@@ -258,10 +280,15 @@ private:
         }
         const size_t size = static_cast<size_t>(file->size());
         const size_t sendUpTo = faults.libraryTruncated ? size / 2 : size;
+        const size_t stallAt = faults.libraryStallMs > 0 ? size / 2 : size;
+        const int stallMs = faults.libraryStallMs;
         res.set_content_provider(size, "application/octet-stream",
-                                 [file, sendUpTo](size_t offset, size_t length, httplib::DataSink& sink) {
+                                 [file, sendUpTo, stallAt, stallMs](size_t offset, size_t length, httplib::DataSink& sink) {
                                      if (offset >= sendUpTo)
                                          return false; // closes the connection mid-body
+                                     if (offset == stallAt)
+                                         delay(stallMs);
+                                     length = std::min(length, offset < stallAt ? stallAt - offset : length);
                                      QByteArray block(static_cast<int>(std::min({length, kChunkBytes, sendUpTo - offset})),
                                                       Qt::Uninitialized);
                                      if (!file->seek(static_cast<qint64>(offset))
@@ -372,6 +399,11 @@ private:
     {
         if (ms > 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    }
+    // kLongVersionLength characters that sort after version, so a device takes it for newer.
+    static QString longVersion(const QString& version)
+    {
+        return (version + QStringLiteral(".9")).leftJustified(kLongVersionLength, QLatin1Char('9'), true);
     }
 
     httplib::Server m_server;

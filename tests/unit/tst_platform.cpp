@@ -8,9 +8,11 @@
 #include "vrax/dbglog.h"
 #include "vrax/vraxpaths.h"
 
+#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 #include <QThread>
@@ -44,7 +46,8 @@ private Q_SLOTS:
     void settingsAreTypedAndWrittenBack();
     void badSettingsFileIsRefused_data();
     void badSettingsFileIsRefused();
-    void settingThatCannotBeWrittenIsNotKept();
+    void settingThatCannotBeWrittenIsReported_data();
+    void settingThatCannotBeWrittenIsReported();
 
     void setValueRoutes();
     void invokeDeliversQueuedToTheAction();
@@ -190,18 +193,48 @@ void TestPlatformCore::badSettingsFileIsRefused()
     QVERIFY(error.contains(QStringLiteral("does not exist")));
 }
 
-void TestPlatformCore::settingThatCannotBeWrittenIsNotKept()
+void TestPlatformCore::settingThatCannotBeWrittenIsReported_data()
 {
-    TestPlatform t;
-    vrax::SettingsStore store;
+    QTest::addColumn<QString>("damage");
+    QTest::newRow("directory removed") << QStringLiteral("remove directory");
+    QTest::newRow("a directory in the file's place") << QStringLiteral("directory at file");
+}
+
+// The reply carries the error and the platform logs it: the module's own writers ignore the
+// reply, and a token that silently failed to save unpairs the device at the next start.
+void TestPlatformCore::settingThatCannotBeWrittenIsReported()
+{
+    QFETCH(QString, damage);
+    TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("old")}});
+    const QString dir = t.dir() + QStringLiteral("/etc");
+    const QString file = dir + QStringLiteral("/settings.json");
+    QVERIFY(QDir().mkpath(dir));
+    QVERIFY(QFile::copy(t.settingsFile(), file));
     QString error;
-    const QString file = t.dir() + QStringLiteral("/gone/settings.json");
-    QVERIFY(store.open(file, true, &error));
-    VraxValue value;
-    value.setString_(QStringLiteral("x"));
-    QVERIFY(!store.setValue(CMPath(QStringLiteral("settings/a")), value, &error));
-    QVERIFY2(error.startsWith(QStringLiteral("Cannot write settings file ")), qPrintable(error));
-    QVERIFY(store.value(CMPath(QStringLiteral("settings/a"))).isEmpty());
+    QVERIFY2(t.platform().settings().open(file, false, &error), qPrintable(error));
+    if (damage == QLatin1String("remove directory")) {
+        QVERIFY(QDir(dir).removeRecursively());
+    } else {
+        QVERIFY(QFile::remove(file));
+        QVERIFY(QDir().mkpath(file));
+    }
+
+    LogCapture log;
+    VraxHash token;
+    token.setString_(QStringLiteral("new"));
+    CMVoidReply reply;
+    CMRoot()->setValue(VraxOrvelloTokenPath(), token, reply);
+    QVERIFY(reply.isFinished());
+    QVERIFY(reply.isError());
+    QVERIFY2(reply.error().text().contains(file), qPrintable(reply.error().text()));
+    const QStringList errors = log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL);
+    QCOMPARE(errors.size(), 1);
+    QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Vrax")), errors);
+    // The file, the reason, and what becomes of the setting.
+    const QRegularExpression line(QStringLiteral("^Cannot write settings file %1: .+; settings/orvello/token keeps its previous value$")
+                                      .arg(QRegularExpression::escape(file)));
+    QVERIFY2(line.match(errors.first()).hasMatch(), qPrintable(errors.first()));
+    QCOMPARE(VraxHash(CMRoot()->getValue(VraxOrvelloTokenPath()).toHash()).string_(), QStringLiteral("old"));
 
     VraxValue twoTypes;
     twoTypes.setString_(QStringLiteral("x"));

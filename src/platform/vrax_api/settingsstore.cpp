@@ -1,15 +1,24 @@
 #include "settingsstore.h"
 
+#include "vrax/dbglog.h"
+
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QSaveFile>
 
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+
 #include <cmath>
 #include <limits>
 
 namespace vrax {
+
+namespace {
+log4cplus::Logger logger = log4cplus::Logger::getInstance("Vrax");
+}
 
 bool SettingsStore::typedFromJson(const QJsonValue& json, VraxValue* value, QString* error)
 {
@@ -111,8 +120,12 @@ bool SettingsStore::setValue(const CMPath& path, const VraxValue& value, QString
         values.insert(path, value);
     if (values == m_values)
         return true;
-    if (!m_file.isEmpty() && !writeLocked(values, error))
+    // Callers often ignore the reply (the module's token writer does); the log is what a device
+    // maker sees of a setting that would be gone after a restart.
+    if (!m_file.isEmpty() && !writeLocked(values, error)) {
+        LOG4CPLUS_ERROR(logger, *error << "; " << path << " keeps its previous value");
         return false;
+    }
     m_values = values;
     return true;
 }

@@ -31,6 +31,12 @@ struct HttpClient::Request
     QTimer* timer = nullptr;
     QByteArray body;
     qint64 received = 0;
+    // Content-Length of the response being read; -1 when none was announced (chunked, or a
+    // body Qt decompresses, for which it drops the header).
+    qint64 announced = -1;
+    // The response's headers have arrived; a second set without a redirect in between means
+    // Qt sent the request again by itself.
+    bool headersSeen = false;
     bool ended = false;
     bool aborting = false;
 };
@@ -129,6 +135,11 @@ void HttpClient::startReply(const std::shared_ptr<Request>& request, const VraxU
     request->reply = reply;
     const RequestId id = request->id;
     connect(reply, &QNetworkReply::metaDataChanged, this, [this, id] { onMetaDataChanged(id); });
+    connect(reply, &QNetworkReply::redirected, this, [this, id] {
+        const auto it = m_requests.find(id);
+        if (it != m_requests.end())
+            it->second->headersSeen = false;
+    });
     connect(reply, &QNetworkReply::readyRead, this, [this, id] { onReadyRead(id); });
     connect(reply, &QNetworkReply::finished, this, [this, id] { onFinished(id); });
 
@@ -165,12 +176,21 @@ void HttpClient::onMetaDataChanged(RequestId id)
     const auto it = m_requests.find(id);
     if (it == m_requests.end())
         return;
-    const Request& request = *it->second;
+    Request& request = *it->second;
+    // QNetworkAccessManager re-sends a request whose connection closes at some points of a
+    // read, and may then hand on a second response, or half of one as if it were whole.
+    if (request.headersSeen) {
+        finish(id, HttpClientResult::NetworkError,
+               QStringLiteral("The request was sent again after %1 bytes of its response had arrived").arg(request.received));
+        return;
+    }
+    request.headersSeen = true;
     const QVariant length = request.reply->header(QNetworkRequest::ContentLengthHeader);
+    request.announced = length.isValid() ? length.toLongLong() : -1;
     const int limit = request.options.readSizeLimit();
-    if (limit > 0 && length.isValid() && length.toLongLong() > limit)
+    if (limit > 0 && request.announced > limit)
         finish(id, HttpClientResult::SizeLimitExceeded,
-               QStringLiteral("Body of %1 bytes exceeds the limit of %2").arg(length.toLongLong()).arg(limit));
+               QStringLiteral("Body of %1 bytes exceeds the limit of %2").arg(request.announced).arg(limit));
 }
 
 void HttpClient::onReadyRead(RequestId id)
@@ -191,6 +211,11 @@ void HttpClient::onReadyRead(RequestId id)
         if (limit > 0 && request->received > limit) {
             finish(id, HttpClientResult::SizeLimitExceeded,
                    QStringLiteral("Body exceeds the limit of %1 bytes").arg(limit));
+            return;
+        }
+        if (request->announced >= 0 && request->received > request->announced) {
+            finish(id, HttpClientResult::NetworkError,
+                   QStringLiteral("Received more than the %1 bytes announced").arg(request->announced));
             return;
         }
         if (!request->options.immediateRead()) {
@@ -215,13 +240,20 @@ void HttpClient::onFinished(RequestId id)
     const auto it = m_requests.find(id);
     if (it == m_requests.end())
         return;
-    const QNetworkReply* reply = it->second->reply;
+    const Request& request = *it->second;
+    const QNetworkReply* reply = request.reply;
     const QNetworkReply::NetworkError error = reply->error();
     const bool hasResponse = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid();
     if (isTransportError(error) || (error != QNetworkReply::NoError && !hasResponse)) {
         const HttpClientResult::State state = error == QNetworkReply::TimeoutError ? HttpClientResult::Timeout
                                                                                    : HttpClientResult::NetworkError;
         finish(id, state, reply->errorString());
+        return;
+    }
+    // Qt reports a body cut short as complete when it sees the close before it reads.
+    if (request.announced >= 0 && request.received != request.announced) {
+        finish(id, HttpClientResult::NetworkError,
+               QStringLiteral("The body ended after %1 of the %2 bytes announced").arg(request.received).arg(request.announced));
         return;
     }
     finish(id, HttpClientResult::Complete, QString());
