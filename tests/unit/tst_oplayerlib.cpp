@@ -130,6 +130,8 @@ QByteArray spoiled(QByteArray elf, const QString& how)
         return elf.left(int(loadEnd / 2));
     if (how == QLatin1String("one byte short"))
         return elf.left(int(loadEnd - 1));
+    if (how == QLatin1String("cut after the segments"))
+        return elf.left(int(header.e_shoff + header.e_shentsize));
     if (how == QLatin1String("other class"))
         elf[EI_CLASS] = char(sizeof(void*) == 8 ? ELFCLASS32 : ELFCLASS64);
     if (how == QLatin1String("other byte order"))
@@ -459,6 +461,7 @@ private Q_SLOTS:
         QTest::newRow("cut in the segments") << "cut in the segments" << "truncated: loadable segment ";
         QTest::newRow("one byte short") << "one byte short" << "truncated: loadable segment ";
         QTest::newRow("segment past the end") << "segment past the end" << "truncated: loadable segment ";
+        QTest::newRow("cut after the segments") << "cut after the segments" << "truncated: the section headers end at byte ";
         QTest::newRow("other class") << "other class"
                                      << QStringLiteral("a %1-bit ELF file, this process is %2-bit")
                                             .arg(sizeof(void*) == 8 ? 32 : 64).arg(bits);

@@ -126,6 +126,12 @@ QString sharedObjectProblem(const QString& path)
             return QStringLiteral("truncated: loadable segment %1 ends at byte %2, the file has %3")
                 .arg(i).arg(quint64(segment.p_offset) + quint64(segment.p_filesz)).arg(size);
     }
+    // The section headers come last in the file; strip keeps them, so a library without the
+    // end of its table has been cut short, even when every segment made it.
+    const quint64 sectionsSize = quint64(header.e_shnum) * header.e_shentsize;
+    if (header.e_shoff != 0 && (header.e_shoff > fileSize || sectionsSize > fileSize - header.e_shoff))
+        return QStringLiteral("truncated: the section headers end at byte %1, the file has %2")
+            .arg(quint64(header.e_shoff) + sectionsSize).arg(size);
     return QString();
 }
 
