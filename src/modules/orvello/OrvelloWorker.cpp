@@ -146,7 +146,6 @@ void OrvelloWorker::retryUnlessRunning()
     if (m_oplayerLib->ok()) {
         if (m_retryTimer)
             m_retryTimer->stop();
-        m_retryAttempt = 0;
         return;
     }
     if (m_playLogic->data().state() != VraxPlayLogicData::Stopped)
@@ -158,22 +157,31 @@ void OrvelloWorker::retryUnlessRunning()
     }
     if (m_retryTimer->isActive())
         return;
-    LOG4CPLUS_WARN(logger, "No player library is running; searching the library list again in " << kFirstRetrySeconds
-                                                                                                 << " s");
-    m_retryAttempt = 0;
-    m_retryTimer->start(kFirstRetrySeconds * 1000);
+    // A library that ends its loop soon after a retry loaded it keeps the pause growing, so one
+    // that dies at once is not restarted every second for ever; one that played for a while
+    // starts the count again.
+    if (!m_retryLoaded.isValid() || m_retryLoaded.hasExpired(kLongestRetrySeconds * 1000))
+        m_retryAttempt = 0;
+    const int delay = retryDelaySeconds(m_retryAttempt);
+    LOG4CPLUS_WARN(logger, "No player library is running; searching the library list again in " << delay << " s");
+    m_retryTimer->start(delay * 1000);
+}
+
+int OrvelloWorker::retryDelaySeconds(int attempt)
+{
+    return std::min(kLongestRetrySeconds, kFirstRetrySeconds << std::min(attempt, 6));
 }
 
 void OrvelloWorker::on_retryTimer_timeout()
 {
     ++m_retryAttempt;
-    const int next = std::min(kLongestRetrySeconds, kFirstRetrySeconds << std::min(m_retryAttempt, 6));
+    const int next = retryDelaySeconds(m_retryAttempt);
     LOG4CPLUS_INFO(logger, "Searching the library list again (attempt " << m_retryAttempt
                                                                          << "); if no library loads, the next attempt follows in "
                                                                          << next << " s");
     m_oplayerLib->load();
     if (m_oplayerLib->ok()) {
-        m_retryAttempt = 0;
+        m_retryLoaded.start();
         return;
     }
     m_retryTimer->start(next * 1000);

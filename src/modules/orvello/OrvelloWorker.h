@@ -4,6 +4,7 @@
 #include "model/cmrequest.h"
 #include "model/cmworker.h"
 
+#include <QElapsedTimer>
 #include <QString>
 #include <QVariantHash>
 
@@ -57,6 +58,10 @@ private:
     // After a reload: stops the play logic and schedules a search when no library runs.
     void retryUnlessRunning();
 
+    static int retryDelaySeconds(int attempt);
+
     QTimer* m_retryTimer = nullptr;
     int m_retryAttempt = 0;
+    // When a retry last loaded a library; invalid until one did.
+    QElapsedTimer m_retryLoaded;
 };
