@@ -606,6 +606,54 @@ Scenario codesDuringSwaps(bool badLibrary)
     };
 }
 
+// A device playing the fake library in the given modes; nothing newer is offered, so what
+// plays stays the misbehaving library.
+Setup misbehavingLibrary(const QString& modes)
+{
+    Setup setup = offering(QStringLiteral("0.1.0"));
+    setup.libraryFile = QStringLiteral(FAKE_PLAYING);
+    setup.env = QStringList{QStringLiteral("ORVELLO_FAKE_MODES=") + modes};
+    return setup;
+}
+
+Scenario libraryMisbehaves(const QString& modes)
+{
+    return [=](FaultDevice& d) {
+        if (!d.start(misbehavingLibrary(modes)))
+            return;
+        d.expectKeepsPlaying(6000, QStringLiteral("a player library in mode ") + modes);
+        d.expectVersion(QStringLiteral("0.1.0"));
+        d.expectCleanExit();
+    };
+}
+
+// A library that ends its loop by itself half a second after each start: started again with
+// a growing pause, and never claimed to play in between (every case checks that).
+void libraryLoopEnds(FaultDevice& d)
+{
+    Setup setup = misbehavingLibrary(QStringLiteral("loop-ends"));
+    setup.waitForAudio = false;
+    if (!d.start(setup))
+        return;
+    d.expectLog(QStringLiteral("Searching the library list again (attempt 1)"), 5000);
+    d.expectLog(QStringLiteral("No player library is running; searching the library list again in 4 s"), 10000);
+    d.expectLog(QStringLiteral("Searching the library list again (attempt 3)"), 10000);
+    d.expectCleanExit();
+}
+
+// A download slower than the check interval: the checks meanwhile start no second download
+// into the same file, so the one that lands verifies and is swapped in.
+void overlappingDownloads(FaultDevice& d)
+{
+    if (!d.start(offering(QStringLiteral("1.1.0"), {QStringLiteral("library-stall=4000")})))
+        return;
+    d.expectLog(kUpdated, 20000);
+    d.expectNoLog(kNotVerified);
+    d.expectKeepsPlaying(3000, QStringLiteral("the update"));
+    d.expectVersion(QStringLiteral("1.1.0"));
+    d.expectCleanExit();
+}
+
 QString notElf(FaultDevice& d)
 {
     return randomFile(d);
@@ -682,8 +730,17 @@ const std::vector<Fault> kFaults = {
     {"codes-during-swaps", "five pairing codes, each as a good library is swapped in", "every code answered, 1.1.0 plays", codesDuringSwaps(false), nullptr, Plain},
     {"codes-during-failed-swaps", "five pairing codes, each as a bad library is swapped in", "every code answered, 1.0.0 plays, no crash", codesDuringSwaps(true), nullptr, Plain},
 
-    // The player library misbehaving: cases that run a fake library in one of its modes
-    // (ORVELLO_FAKE_MODES) go here, with Setup::libraryFile and Setup::env.
+    // The player library misbehaving: the fake library (tests/fakes/fake_playing.c) in one of its
+    // ORVELLO_FAKE_MODES, on a paired device.
+    {"library-audio-at-create", "a library that calls the audio table from its own thread before create returns", "plays from its start and on, no crash", libraryMisbehaves("early-audio"), nullptr, AlsoAsan},
+    {"library-two-threads", "audio calls at create and from two library threads at once", "plays from its start and on, no crash", libraryMisbehaves("early-audio,two-threads"), nullptr, AlsoAsan},
+    {"library-null-tables", "controls, metadata and pairing tables all null", "plays on without controls or track data, no crash", libraryMisbehaves("null-tables"), nullptr, AlsoAsan},
+    {"library-null-entries", "every entry of those three tables null", "plays on without controls or track data, no crash", libraryMisbehaves("null-entries"), nullptr, AlsoAsan},
+    {"library-null-record", "get_current gives no track record", "plays on without track data, no crash", libraryMisbehaves("null-record"), nullptr, AlsoAsan},
+    {"library-null-strings", "track records whose strings and artists are null", "plays on with empty track data, no crash", libraryMisbehaves("null-strings"), nullptr, AlsoAsan},
+    {"library-slow-run-once", "every turn of the library's loop blocks 200 ms", "plays on, no crash", libraryMisbehaves("slow-run-once"), nullptr, AlsoAsan},
+    {"library-loop-ends", "a library that ends its loop by itself 0.5 s after each start", "started again after 1 s, 2 s, 4 s..., never claimed playing in between, no crash", libraryLoopEnds, nullptr, AlsoAsan},
+    {"overlapping-downloads", "a library download that stalls 4 s, with a check every second", "one download at a time: the file verifies and 1.1.0 plays", overlappingDownloads, nullptr, AlsoAsan},
 };
 // clang-format on
 
