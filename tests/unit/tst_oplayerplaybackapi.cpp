@@ -245,6 +245,18 @@ private Q_SLOTS:
         QCOMPARE(table->data(table, samples, 4, &out), 0ul);
         QCOMPARE(out, 0u);
         QCOMPARE(table->data(table, samples, 4, nullptr), 0ul);
+        // No buffer behind the count: refused before any callback could read it.
+        bool called = false;
+        api.setAudioDataCb([&](const short*, unsigned long count, unsigned int*) { called = true; return count; });
+        LogCapture log;
+        out = 7;
+        QCOMPARE(table->data(table, nullptr, 4, &out), 0ul);
+        QCOMPARE(table->data(table, nullptr, 4, &out), 0ul);
+        QCOMPARE(out, 0u);
+        QVERIFY(!called);
+        QCOMPARE(log.messages(log4cplus::WARN_LOG_LEVEL),
+                 QStringList{QStringLiteral("The player library offered 4 samples without a buffer; taking none of them")});
+        api.setAudioDataCb(nullptr);
         table->flush(table);
         table->init(table, 2, 48000);
         table->pause_changed(table, 3);

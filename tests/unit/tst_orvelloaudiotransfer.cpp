@@ -187,6 +187,10 @@ private slots:
         QCOMPARE(m_log.count(DEBUG_LOG_LEVEL, written(131072)), 1);
         QCOMPARE(transfer.processData(pcm.constData(), 0), 0);
         QVERIFY(m_log.contains(DEBUG_LOG_LEVEL, written(0)));
+        // A size beyond int's range is one chunk too, never a negative one.
+        WAIT_VERIFY(transfer.processData(pcm.constData() + accepted, size_t(1) << 31) != 0);
+        QCOMPARE(m_log.count(DEBUG_LOG_LEVEL, written(131072)), 2);
+        accepted += 131072;
 
         accepted += feed(transfer, pcm, accepted, 400000 - accepted);
         transfer.flush();

@@ -292,6 +292,12 @@ unsigned long OPlayerPlaybackApi::audioData(oplayer_audio_api* api, const short*
                                             unsigned int* out)
 {
     OPlayerPlaybackApi* bridge = bridgeOf(api);
+    if (bridge && !samples && count != 0) {
+        if (bridge->firstTime(NullSamples))
+            LOG4CPLUS_WARN(logger, "The player library offered " << count
+                                                                  << " samples without a buffer; taking none of them");
+        bridge = nullptr;
+    }
     if (bridge) {
         std::lock_guard<std::mutex> lock(bridge->m_audioMutex);
         if (bridge->m_audioDataCb)

@@ -91,6 +91,7 @@ private:
         NoRecord = 1u << 11,
         NullString = 1u << 12,
         NoArtists = 1u << 13,
+        NullSamples = 1u << 14,
     };
     bool firstTime(Fault fault);
     // The library's controls entry; null without a library, and null with one WARN the first

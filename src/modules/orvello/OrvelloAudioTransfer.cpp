@@ -7,6 +7,7 @@
 #include "model/cmerror.h"
 #include "vrax/vraxassert.h"
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -120,11 +121,9 @@ int OrvelloAudioTransfer::processData(const char* data, size_t size)
     int result = 0;
     std::unique_lock<std::mutex> lock(m_pendingMutex);
     if (size != 0 && !(m_pendingFuture.valid() && !m_pendingFuture.isReady())) {
-        int n = static_cast<int>(size);
-        if (n > kMaxChunk)
-            n = kMaxChunk;
-        VRAX_ASSERT(n >= 0);
-        VRAX_ASSERT(data != nullptr || n == 0);
+        // Capped before it becomes an int: a size of 2^31 or more from a library would be negative.
+        const int n = static_cast<int>(std::min(size, static_cast<size_t>(kMaxChunk)));
+        VRAX_ASSERT(data != nullptr);
         m_pendingFuture = m_sender.sendAudioData(
             miscUtils::NoTimeValue, miscUtils::NoTimeValue,
             nonstd::span_lite::span<const unsigned char>(reinterpret_cast<const unsigned char*>(data), size_t(n)));
