@@ -1,12 +1,13 @@
 /*
- * A playing player library for tests that check what reaches the audio pipeline: its PCM is a
- * running counter (sample n of the stream, channels interleaved, is n modulo 65536 as a signed
- * 16-bit value), so a test can tell that every sample arrived once and in order.
+ * A scripted player library. Its PCM is a running counter (sample n of the stream, channels
+ * interleaved, is n modulo 65536 as a signed 16-bit value), so a test can tell that every
+ * sample arrived once and in order; what the host hands it is recorded and read back through
+ * the exported fake_* getters.
  *
  * By default it is polite, like the reference library: it starts playing at the first run_once
  * when a token is stored (or when a pairing succeeds), from one thread of its own, and holds what
- * the host did not take. ORVELLO_FAKE_MODES, a comma-separated list read at create, makes it
- * misbehave:
+ * the host did not take. Modes, a comma-separated list in ORVELLO_FAKE_MODES (read at create)
+ * and in FAKE_MODES at build time, make it misbehave:
  *   early-audio    its thread starts at create and has called init, pause_changed(0),
  *                  volume_changed and data before create returns
  *   two-threads    a second thread announces the later pause changes and the volume, and calls
@@ -19,8 +20,13 @@
  *   loop-ends      run_once returns 0 by itself 500 ms after create
  *   pair-never     poll never gives an outcome
  *   pair-at-end    the pairing outcome is there only once the loop has ended
+ *   pair-start-error  pairing start returns 7
+ *   pair-fails     the outcome is a failure with a null message
  *   slow-run-once  every run_once blocks for 200 ms
- * An unknown mode makes create fail with 22 and a line on standard error.
+ *   create-fails   create returns 5 and no instance
+ *   create-fails-with-handle  create returns 9 but hands out a working instance
+ * An unknown mode makes create fail with 22 and a line on standard error. Built with
+ * FAKE_NO_SYMBOL it exports no entry table, with FAKE_NO_RUN_ONCE a table without run_once.
  *
  * Songs are 3 s of audio; request_exit mode 2 ends the loop at the end of the current song, or
  * at once when nothing plays. Pairing succeeds 300 ms after start with the device id
@@ -46,6 +52,7 @@
 #define PAIRING_DELAY_MS 300
 #define LOOP_ENDS_AFTER_MS 500
 #define SLOW_RUN_ONCE_MS 200
+#define CREATE_STRINGS 5 /* cache_dir, serial_number, product_name, vendor_secret, client_version */
 
 enum {
     MODE_EARLY_AUDIO = 1 << 0,
@@ -58,6 +65,10 @@ enum {
     MODE_PAIR_NEVER = 1 << 7,
     MODE_PAIR_AT_END = 1 << 8,
     MODE_SLOW_RUN_ONCE = 1 << 9,
+    MODE_PAIR_START_ERROR = 1 << 10,
+    MODE_PAIR_FAILS = 1 << 11,
+    MODE_CREATE_FAILS = 1 << 12,
+    MODE_CREATE_FAILS_WITH_HANDLE = 1 << 13,
 };
 
 static const struct {
@@ -67,7 +78,9 @@ static const struct {
     {"early-audio", MODE_EARLY_AUDIO}, {"two-threads", MODE_TWO_THREADS}, {"null-tables", MODE_NULL_TABLES},
     {"null-entries", MODE_NULL_ENTRIES}, {"null-record", MODE_NULL_RECORD}, {"null-strings", MODE_NULL_STRINGS},
     {"loop-ends", MODE_LOOP_ENDS}, {"pair-never", MODE_PAIR_NEVER}, {"pair-at-end", MODE_PAIR_AT_END},
-    {"slow-run-once", MODE_SLOW_RUN_ONCE},
+    {"slow-run-once", MODE_SLOW_RUN_ONCE}, {"pair-start-error", MODE_PAIR_START_ERROR},
+    {"pair-fails", MODE_PAIR_FAILS}, {"create-fails", MODE_CREATE_FAILS},
+    {"create-fails-with-handle", MODE_CREATE_FAILS_WITH_HANDLE},
 };
 
 struct oplayer {
@@ -114,6 +127,13 @@ static int poll_calls;
 static int release_calls;
 static int destroy_calls;
 static unsigned long long samples_taken;
+/* What the host handed over; written and read on the host's thread. */
+static unsigned char create_bytes[sizeof(oplayer_create_params)];
+static char create_strings[CREATE_STRINGS][256];
+static int create_calls;
+static int last_exit_mode = -1;
+static char last_code[256];
+static int last_code_length = -1;
 
 static int read_counter(const int* counter)
 {
@@ -155,6 +175,34 @@ EXPORT unsigned long long fake_samples_taken(void)
     return value;
 }
 
+EXPORT void fake_create_params_bytes(unsigned char* out)
+{
+    memcpy(out, create_bytes, sizeof(create_bytes));
+}
+
+/* The strings of the last creation record, copied when it was received (index as above). */
+EXPORT const char* fake_create_string(int index)
+{
+    return index >= 0 && index < CREATE_STRINGS ? create_strings[index] : NULL;
+}
+
+EXPORT int fake_create_calls(void)
+{
+    return create_calls;
+}
+
+EXPORT int fake_exit_mode(void)
+{
+    return last_exit_mode;
+}
+
+EXPORT int fake_last_code(char* out, int size)
+{
+    if (last_code_length >= 0 && size > 0)
+        memcpy(out, last_code, (size_t)(last_code_length < size ? last_code_length : size));
+    return last_code_length;
+}
+
 static void now(struct timespec* ts)
 {
     clock_gettime(CLOCK_MONOTONIC, ts);
@@ -183,7 +231,6 @@ static int parse_modes(const char* text, int* modes)
     char* save = NULL;
     char* token;
     size_t i;
-    *modes = 0;
     if (!text || !text[0])
         return 1;
     if (strlen(text) >= sizeof(buffer)) {
@@ -205,6 +252,16 @@ static int parse_modes(const char* text, int* modes)
         }
     }
     return 1;
+}
+
+/* The built-in modes and those of the environment. */
+static int read_modes(int* modes)
+{
+#ifndef FAKE_MODES
+#define FAKE_MODES ""
+#endif
+    *modes = 0;
+    return parse_modes(FAKE_MODES, modes) && parse_modes(getenv("ORVELLO_FAKE_MODES"), modes);
 }
 
 static unsigned long long song_length(const oplayer* p)
@@ -352,13 +409,22 @@ static int fake_create(oplayer_create_params params, oplayer** player)
     oplayer* p;
     pthread_condattr_t attr;
     char token[256];
+    const char* strings[CREATE_STRINGS] = {params.cache_dir, params.serial_number, params.product_name,
+                                           params.vendor_secret, params.client_version};
     int modes;
+    int i;
 
+    ++create_calls;
+    memcpy(create_bytes, &params, sizeof(params));
+    for (i = 0; i < CREATE_STRINGS; ++i)
+        snprintf(create_strings[i], sizeof(create_strings[i]), "%s", strings[i] ? strings[i] : "");
     if (!player)
         return 22;
     *player = NULL;
-    if (!parse_modes(getenv("ORVELLO_FAKE_MODES"), &modes))
+    if (!read_modes(&modes))
         return 22;
+    if (modes & MODE_CREATE_FAILS)
+        return 5;
     if (params.init_tag != OPLAYER_INIT_TAG || !params.audio_api || !params.audio_api->init
         || !params.audio_api->shutdown || !params.audio_api->data || !params.audio_api->pause_changed
         || !params.audio_api->volume_changed || params.output_channels < 1 || params.output_channels > 8
@@ -415,7 +481,7 @@ static int fake_create(oplayer_create_params params, oplayer** player)
     }
     pthread_mutex_unlock(&p->mutex);
     *player = p;
-    return 0;
+    return modes & MODE_CREATE_FAILS_WITH_HANDLE ? 9 : 0;
 }
 
 static void fake_destroy(oplayer* p)
@@ -447,7 +513,7 @@ static void start_playing(oplayer* p)
     pthread_cond_broadcast(&p->cond);
 }
 
-static int fake_run_once(oplayer* p)
+__attribute__((unused)) static int fake_run_once(oplayer* p)
 {
     int running;
     if (p->modes & MODE_SLOW_RUN_ONCE) {
@@ -474,6 +540,7 @@ static int fake_run_once(oplayer* p)
 
 static void fake_request_exit(oplayer* p, int mode)
 {
+    last_exit_mode = mode;
     pthread_mutex_lock(&p->mutex);
     p->exit_mode = mode == OPLAYER_EXIT_AT_END_OF_SONG ? mode : 1;
     pthread_cond_broadcast(&p->cond);
@@ -589,9 +656,13 @@ static void fake_release_track(oplayer_track_metadata* metadata)
 
 static int fake_pair_start(oplayer* p, const char* code, int length)
 {
-    (void)code;
     if (length < 0)
         return 22;
+    last_code_length = length < (int)sizeof(last_code) ? length : (int)sizeof(last_code);
+    if (last_code_length > 0)
+        memcpy(last_code, code, (size_t)last_code_length);
+    if (p->modes & MODE_PAIR_START_ERROR)
+        return 7;
     pthread_mutex_lock(&p->mutex);
     p->pairing_active = 1;
     now(&p->pairing_due);
@@ -613,14 +684,15 @@ static oplayer_pairing_result* fake_pair_poll(oplayer* p)
         && (t.tv_sec > p->pairing_due.tv_sec
             || (t.tv_sec == p->pairing_due.tv_sec && t.tv_nsec >= p->pairing_due.tv_nsec))) {
         p->pairing_active = 0;
-        p->pairing_result.success = 1;
+        p->pairing_result.success = !(p->modes & MODE_PAIR_FAILS);
         p->pairing_result.message = NULL;
-        p->pairing_result.device_id = p->modes & MODE_NULL_STRINGS ? NULL : "fake-device-2";
+        p->pairing_result.device_id = p->modes & (MODE_NULL_STRINGS | MODE_PAIR_FAILS) ? NULL : "fake-device-2";
         result = &p->pairing_result;
-        start_playing(p);
+        if (result->success)
+            start_playing(p);
     }
     pthread_mutex_unlock(&p->mutex);
-    if (result && p->save_token)
+    if (result && result->success && p->save_token)
         p->save_token("fake-token");
     return result;
 }
@@ -644,7 +716,7 @@ static const oplayer_pairing_api no_pairing;
 static int table_modes(void)
 {
     int modes = 0;
-    return parse_modes(getenv("ORVELLO_FAKE_MODES"), &modes) ? modes : 0;
+    return read_modes(&modes) ? modes : 0;
 }
 
 static const oplayer_controls_api* fake_controls_api(void)
@@ -665,12 +737,22 @@ static const oplayer_pairing_api* fake_pairing_api(void)
     return modes & MODE_NULL_TABLES ? NULL : modes & MODE_NULL_ENTRIES ? &no_pairing : &pairing;
 }
 
-EXPORT const oplayer_api OPLAYER_API_5TQX2M = {
+#ifdef FAKE_NO_SYMBOL
+#define FAKE_TABLE_NAME fake_table_without_entry_name
+#else
+#define FAKE_TABLE_NAME OPLAYER_API_5TQX2M
+#endif
+
+EXPORT const oplayer_api FAKE_TABLE_NAME = {
     NULL,
     fake_create,
     fake_destroy,
     fake_get_version,
+#ifdef FAKE_NO_RUN_ONCE
+    NULL,
+#else
     fake_run_once,
+#endif
     fake_request_exit,
     NULL,
     fake_controls_api,

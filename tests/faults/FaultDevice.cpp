@@ -1,5 +1,7 @@
 #include "FaultDevice.h"
 
+#include "TestFiles.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -95,9 +97,10 @@ bool FaultDevice::placeLibrary(const QString& path, const QString& file)
 bool FaultDevice::start(const Setup& setup)
 {
     const QString library = setup.libraryFile.isEmpty() ? m_binaries.library100 : setup.libraryFile;
-    if (setup.library != LibraryAt::Installed && !placeLibrary(m_rig->devTreeLibraryPath(), library))
-        return false;
-    if (setup.library != LibraryAt::SystemCopy && !placeLibrary(installedLibrary(), library))
+    const bool system = setup.library == LibraryAt::SystemCopy || setup.library == LibraryAt::Both;
+    const bool installed = setup.library == LibraryAt::Installed || setup.library == LibraryAt::Both;
+    if ((system && !placeLibrary(m_rig->devTreeLibraryPath(), library))
+        || (installed && !placeLibrary(installedLibrary(), library)))
         return false;
 
     QString offerFile = setup.offerFile;
@@ -126,7 +129,8 @@ bool FaultDevice::start(const Setup& setup)
     if (setup.beforeHost && !setup.beforeHost())
         return false;
     const QStringList env = QStringList{QStringLiteral("OPLAYER_REF_TRACK_SECONDS=%1").arg(kTrackSeconds)} + setup.env;
-    if (!m_rig->startHost(settings, QStringLiteral("null"), QStringLiteral("realtime"), env, &error)) {
+    const QString audioOut = setup.wav ? QStringLiteral("wav:") + wavFile() : QStringLiteral("null");
+    if (!m_rig->startHost(settings, audioOut, QStringLiteral("realtime"), env, &error)) {
         fail(QStringLiteral("vrax-host did not come up: %1").arg(error));
         return false;
     }
@@ -158,6 +162,9 @@ void FaultDevice::signalHost(int signal)
 {
     if (signal == SIGKILL || signal == SIGTERM)
         m_hostExpectedDown = true;
+    // A stopped host claims nothing: what it said before does not stretch across the stop.
+    if (signal == SIGSTOP || signal == SIGCONT)
+        m_samples << Sample{m_clock.elapsed(), -1, -1};
     if (const qint64 pid = m_rig->hostPid())
         ::kill(pid_t(pid), signal);
 }
@@ -349,6 +356,25 @@ void FaultDevice::expectLogAtMost(const QString& text, int times)
     const int seen = log().filter(text).size();
     if (seen > times)
         fail(QStringLiteral("the log has \"%1\" %2 times (at most %3 expected)").arg(text).arg(seen).arg(times));
+}
+
+void FaultDevice::expectState(int state)
+{
+    const int now = playState();
+    if (now != state)
+        fail(QStringLiteral("the play logic is in state %1, not %2").arg(now).arg(state));
+}
+
+void FaultDevice::expectCounterIntact()
+{
+    expectCleanExit();
+    const WavFile wav = readWav(wavFile());
+    const std::size_t at = counterBreak(wav.samples);
+    if (wav.rate != 44100 || wav.channels != 2)
+        fail(QStringLiteral("the WAV file holds %1 Hz, %2 channels").arg(wav.rate).arg(wav.channels));
+    else if (wav.samples.empty() || at < wav.samples.size())
+        fail(QStringLiteral("what was heard is not the library's counter: sample %1 of %2 is %3")
+                 .arg(at).arg(wav.samples.size()).arg(at < wav.samples.size() ? wav.samples[at] : 0));
 }
 
 void FaultDevice::expectCleanExit()

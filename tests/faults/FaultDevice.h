@@ -34,7 +34,7 @@ public:
         QString createFails;         // a fake library whose create fails
     };
 
-    enum class LibraryAt { SystemCopy, Installed, Both };
+    enum class LibraryAt { SystemCopy, Installed, Both, Nowhere };
     struct Setup
     {
         bool paired = true;
@@ -47,6 +47,7 @@ public:
         QString versionUrl;                        // the service's document when empty
         QStringList env;                           // extra environment of the host
         bool waitForAudio = true;                  // a paired device must play before the fault
+        bool wav = false;                          // the pipeline writes what it plays to a WAV file
         std::function<bool()> beforeHost;          // runs once the files are in place, before the host starts
     };
 
@@ -61,6 +62,7 @@ public:
     QString dataDir() const { return m_rig->dataDir(); }
     QString settingsFile() const;
     QString installedLibrary() const; // data-rw/orvello/liboplayer-1.so
+    QString wavFile() const { return m_workDir + QStringLiteral("/heard.wav"); }
 
     // Starts the service and the host; a paired device must then be heard playing within 15 s.
     // False when the device did not come up (recorded as a failure) or setup failed.
@@ -105,6 +107,11 @@ public:
     void expectLog(const QString& text, int withinMs = 0);
     void expectNoLog(const QString& text);
     void expectLogAtMost(const QString& text, int times);
+    void expectLogOnce(const QString& text) { expectLog(text); expectLogAtMost(text, 1); }
+    void expectState(int state);
+    // After a clean exit: the WAV file holds the fake player library's running counter from its
+    // first sample on, every sample once and in order (needs Setup::wav).
+    void expectCounterIntact();
     // SIGTERM ends the host with status 0.
     void expectCleanExit();
 

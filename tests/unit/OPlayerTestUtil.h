@@ -78,6 +78,13 @@ inline oplayer_init_params initParams()
     return params;
 }
 
+// Ends the library instance at once and closes its file: none of its threads outlives its code.
+inline void unloadLibrary(OPlayerLib& lib)
+{
+    lib.shutdown();
+    lib.unload();
+}
+
 // Ends a running library's loop (as the worker does before an update) and closes its file, so
 // the next test starts with nothing mapped.
 inline void stopLibrary(OPlayerLib& lib)
@@ -86,7 +93,7 @@ inline void stopLibrary(OPlayerLib& lib)
         lib.requestExit();
         QTRY_VERIFY_WITH_TIMEOUT(!lib.ok(), 10000);
     }
-    lib.unload();
+    unloadLibrary(lib);
 }
 
 // Audio callbacks standing in for the play logic. Runs on the library's threads; every field

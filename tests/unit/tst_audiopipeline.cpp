@@ -1,19 +1,12 @@
 // The emulated audio pipeline: WAV files per format, one sender at a time, socket path
 // handling and underrun counting, driven by a real smt2 sender.
 #include "LogCapture.h"
-#include "WaitFor.h"
-#include "audiopipeline.h"
-
-#include "miscUtils/ioeventloop.h"
-#include "miscUtils/notime.h"
-#include "smt2/audiosender.h"
-#include "smt2/unixclientsocketchannel.h"
+#include "Smt2TestKit.h"
+#include "TestFiles.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 #include <QtTest>
-
-#include <sndfile.h>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -21,62 +14,6 @@
 
 #include <cstring>
 #include <thread>
-
-namespace {
-
-struct Client
-{
-    explicit Client(const std::string& path) : loop(1000, "tstPipeClient"), channel(loop.ioEventLoop()), sender(&pool)
-    {
-        channel.setSocketAddress(path);
-        sender.setTransportChannel(channel);
-    }
-    bool connect()
-    {
-        auto f = sender.connect();
-        return waitFor([&] { return f.isReady(); }) && f.get() == smt2::ErrorID::Success;
-    }
-    void format(int rate, int channels)
-    {
-        sender.setAudioSequenceInfo(audioUtils::pcmAudioType(),
-                                    audioUtils::PcmAudioInfo(rate, channels, audioUtils::PcmFormat::S16LE).toVariant().asHash());
-    }
-    bool send(const QByteArray& bytes)
-    {
-        auto f = sender.sendAudioData(miscUtils::NoTimeValue, miscUtils::NoTimeValue,
-                                      {reinterpret_cast<const unsigned char*>(bytes.constData()), size_t(bytes.size())});
-        return waitFor([&] { return f.isReady(); }) && f.get() == smt2::ErrorID::Success;
-    }
-
-    miscUtils::IOEventLoopThread loop;
-    smt2::BufferPool pool;
-    smt2::UnixClientSocketChannel channel;
-    smt2::AudioSender sender;
-};
-
-struct WavFile
-{
-    int rate = 0;
-    int channels = 0;
-    QByteArray bytes;
-};
-
-WavFile readWav(const QString& path)
-{
-    WavFile wav;
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.toLocal8Bit().constData(), SFM_READ, &info);
-    if (!file)
-        return wav;
-    wav.rate = info.samplerate;
-    wav.channels = info.channels;
-    wav.bytes.resize(int(info.frames * info.channels * 2));
-    wav.bytes.resize(int(sf_read_raw(file, wav.bytes.data(), wav.bytes.size())));
-    sf_close(file);
-    return wav;
-}
-
-} // namespace
 
 class TestAudioPipeline : public QObject
 {
@@ -88,19 +25,19 @@ private slots:
         const QString wav = m_dir.filePath("out.wav");
         vrax::AudioPipeline pipeline(socket(), vrax::makeAudioSink("wav:" + wav.toStdString(), nullptr));
         QVERIFY(pipeline.start());
-        Client client(socket());
+        Smt2Client client(socket());
         QVERIFY(client.connect());
         const QByteArray a1(4000, 'a'), a2(2001, 'b'), b(3000, 'c'), a3(1000, 'd');
         client.format(44100, 2);
-        QVERIFY(client.send(a1));
+        QVERIFY(client.sendAndWait(a1));
         client.sender.endCurrentAudioSequence();
         client.format(44100, 2); // same format: the same file goes on
-        QVERIFY(client.send(a2));
-        QVERIFY(client.send(QByteArray(3, 'b'))); // completes the frame split across messages
+        QVERIFY(client.sendAndWait(a2));
+        QVERIFY(client.sendAndWait(QByteArray(3, 'b'))); // completes the frame split across messages
         client.format(48000, 1);
-        QVERIFY(client.send(b));
+        QVERIFY(client.sendAndWait(b));
         client.format(44100, 2); // back: a third file, not the first again
-        QVERIFY(client.send(a3));
+        QVERIFY(client.sendAndWait(a3));
         WAIT_VERIFY(pipeline.counters().bytes == quint64(a1.size() + a2.size() + 3 + b.size() + a3.size()));
         QCOMPARE(pipeline.counters().sequences, quint64(4));
         QCOMPARE(pipeline.counters().format, audioUtils::PcmAudioInfo(44100, 2, audioUtils::PcmFormat::S16LE));
@@ -110,12 +47,12 @@ private slots:
                       third = readWav(m_dir.filePath("out-3.wav"));
         QCOMPARE(first.rate, 44100);
         QCOMPARE(first.channels, 2);
-        QVERIFY(first.bytes == a1 + a2 + QByteArray(3, 'b'));
+        QVERIFY(first.bytes() == a1 + a2 + QByteArray(3, 'b'));
         QCOMPARE(second.rate, 48000);
         QCOMPARE(second.channels, 1);
-        QVERIFY(second.bytes == b);
+        QVERIFY(second.bytes() == b);
         QCOMPARE(third.rate, 44100);
-        QVERIFY(third.bytes == a3);
+        QVERIFY(third.bytes() == a3);
         QVERIFY(!QFile::exists(m_dir.filePath("out-4.wav")));
     }
 
@@ -123,7 +60,7 @@ private slots:
     {
         vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
         QVERIFY(pipeline.start());
-        Client first(socket()), second(socket());
+        Smt2Client first(socket()), second(socket());
         QVERIFY(first.connect());
         auto waiting = second.sender.connect();
         // The second sender got into the backlog and waits for the handshake's answer.
@@ -170,7 +107,7 @@ private slots:
         QCOMPARE(pipeline.start(&error), starts);
         QCOMPARE(QString::fromStdString(error), starts ? QString() : QString::fromStdString(path + " exists and is not a socket"));
         if (starts) {
-            Client client(path);
+            Smt2Client client(path);
             QVERIFY(client.connect());
         }
     }
@@ -179,33 +116,33 @@ private slots:
     {
         vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink(), vrax::AudioPace::Realtime);
         QVERIFY(pipeline.start());
-        Client client(socket());
+        Smt2Client client(socket());
         QVERIFY(client.connect());
         client.format(8000, 1);
         const QByteArray tenthSecond(1600, 'x');
         // One message, so no scheduling hiccup between two can look like a gap in the audio.
-        QVERIFY(client.send(tenthSecond + tenthSecond));
+        QVERIFY(client.sendAndWait(tenthSecond + tenthSecond));
         WAIT_VERIFY(pipeline.counters().bytes == 3200);
         QCOMPARE(pipeline.counters().underruns, quint64(0));
         // The time that passes is what is tested here: 200 ms of audio, then nothing for longer.
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        QVERIFY(client.send(tenthSecond));
+        QVERIFY(client.sendAndWait(tenthSecond));
         WAIT_VERIFY(pipeline.counters().bytes == 4800);
         QCOMPARE(pipeline.counters().underruns, quint64(1));
         // A flush starts the clock again: the pause after it is no underrun.
         client.sender.sendFlush();
         WAIT_VERIFY(pipeline.counters().flushes == 1);
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        QVERIFY(client.send(tenthSecond));
+        QVERIFY(client.sendAndWait(tenthSecond));
         WAIT_VERIFY(pipeline.counters().bytes == 6400);
         QCOMPARE(pipeline.counters().underruns, quint64(1));
         // Nor is a pause: the read already under way completes, then reading stops until resumed.
         pipeline.setReadingPaused(true);
-        QVERIFY(client.send(tenthSecond));
+        QVERIFY(client.sendAndWait(tenthSecond));
         WAIT_VERIFY(pipeline.counters().bytes == 8000);
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
         pipeline.setReadingPaused(false);
-        QVERIFY(client.send(tenthSecond));
+        QVERIFY(client.sendAndWait(tenthSecond));
         WAIT_VERIFY(pipeline.counters().bytes == 9600);
         QCOMPARE(pipeline.counters().underruns, quint64(1));
     }
@@ -219,11 +156,11 @@ private slots:
         pipeline.setTraceFile(trace);
         QVERIFY(pipeline.start());
         {
-            Client client(socket());
+            Smt2Client client(socket());
             QVERIFY(client.connect());
             client.format(44100, 2);
-            QVERIFY(client.send(QByteArray(4000, 'a')));
-            QVERIFY(client.send(QByteArray(1000, 'b')));
+            QVERIFY(client.sendAndWait(QByteArray(4000, 'a')));
+            QVERIFY(client.sendAndWait(QByteArray(1000, 'b')));
             client.sender.endCurrentAudioSequence();
         }
         WAIT_VERIFY(!pipeline.counters().senderConnected);

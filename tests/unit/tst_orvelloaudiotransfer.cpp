@@ -1,16 +1,14 @@
 // OrvelloAudioTransfer over a real Unix socket to the emulated pipeline at /tmp/orvello.
 #include "LogCapture.h"
 #include "OrvelloAudioTransfer.h"
-#include "WaitFor.h"
-#include "audiopipeline.h"
+#include "Smt2TestKit.h"
+#include "TestFiles.h"
 
 #include "smt2/sender.h"
 
 #include <QDir>
 #include <QFile>
 #include <QtTest>
-
-#include <sndfile.h>
 
 #include <memory>
 #include <mutex>
@@ -42,66 +40,19 @@ QByteArray pcmPattern(int size)
     return bytes;
 }
 
-// What the pipeline's hooks saw, with runs of "audio" folded into one. Kept in std containers:
-// Qt's implicitly shared ones would be shared across threads by uninstrumented Qt code.
-struct Events
-{
-    std::mutex mutex;
-    std::vector<std::string> list;
-    void add(const std::string& e)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!(e == "audio" && !list.empty() && list.back() == "audio"))
-            list.push_back(e);
-    }
-    QStringList all()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        QStringList result;
-        for (const std::string& e : list)
-            result << QString::fromStdString(e);
-        return result;
-    }
-};
-
-std::unique_ptr<vrax::AudioPipeline> startPipeline(const QString& wav, Events* events = nullptr,
+std::unique_ptr<vrax::AudioPipeline> startPipeline(const QString& wav, PipelineEvents* events = nullptr,
                                                    bool refuseVersion = false)
 {
     auto pipeline = std::make_unique<vrax::AudioPipeline>(
         kSocket, wav.isEmpty() ? vrax::makeNullSink() : vrax::makeWavSink(wav.toStdString()));
     if (refuseVersion)
         pipeline->refuseProtocolVersion(smt2::ProtocolVersion);
-    if (events) {
-        vrax::AudioPipelineHooks hooks;
-        hooks.sequenceStarted = [events](const audioUtils::PcmAudioInfo& f) {
-            events->add("start " + std::to_string(f.sampleRate()) + "/" + std::to_string(f.channels()));
-        };
-        hooks.audioArrived = [events](const std::uint8_t*, std::size_t) { events->add("audio"); };
-        hooks.flushed = [events] { events->add("flush"); };
-        hooks.sequenceEnded = [events] { events->add("end"); };
-        hooks.senderDisconnected = [events] { events->add("disconnected"); };
-        pipeline->setHooks(hooks);
-    }
+    if (events)
+        pipeline->setHooks(events->hooks());
     std::string error;
     if (!pipeline->start(&error))
         qWarning("pipeline: %s", error.c_str());
     return pipeline;
-}
-
-QByteArray wavBytes(const QString& path, int* rate = nullptr, int* channels = nullptr)
-{
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.toLocal8Bit().constData(), SFM_READ, &info);
-    if (!file)
-        return QByteArray("<no file>");
-    QByteArray bytes(int(info.frames * info.channels * 2), Qt::Uninitialized);
-    bytes.resize(int(sf_read_raw(file, bytes.data(), bytes.size())));
-    sf_close(file);
-    if (rate)
-        *rate = info.samplerate;
-    if (channels)
-        *channels = info.channels;
-    return bytes;
 }
 
 QStringList threadNames()
@@ -166,7 +117,7 @@ private slots:
 
     void streamsToWav()
     {
-        Events events;
+        PipelineEvents events(true);
         auto pipeline = startPipeline(wavPath(), &events);
         OrvelloAudioTransfer transfer;
         transfer.setStreamFormat(2, 44100);
@@ -199,15 +150,14 @@ private slots:
         transfer.sendStreamEnd();
         WAIT_VERIFY(events.all().contains("end"));
         QCOMPARE(pipeline->counters().format, audioUtils::PcmAudioInfo(44100, 2, audioUtils::PcmFormat::S16LE));
-        QCOMPARE(events.all(), (QStringList{"start 44100/2", "audio", "flush", "audio", "end"}));
+        QCOMPARE(events.all(), (QStringList{"connected", "start 44100/2", "audio", "flush", "audio", "end"}));
 
         pipeline->stop(); // finishes the file
-        int rate = 0, channels = 0;
-        const QByteArray file = wavBytes(wavPath(), &rate, &channels);
-        QCOMPARE(rate, 44100);
-        QCOMPARE(channels, 2);
-        QCOMPARE(file.size(), pcm.size());
-        QVERIFY(file == pcm);
+        const WavFile file = readWav(wavPath());
+        QCOMPARE(file.rate, 44100);
+        QCOMPARE(file.channels, 2);
+        QCOMPARE(file.bytes().size(), pcm.size());
+        QVERIFY(file.bytes() == pcm);
     }
 
     void handshakingIsConnectedButNotStreaming()
@@ -258,7 +208,7 @@ private slots:
         transfer.sendStreamEnd();
         WAIT_VERIFY(pipeline->counters().bytes == quint64(accepted));
         pipeline->stop();
-        QVERIFY(wavBytes(wavPath()) == pcm.left(accepted));
+        QVERIFY(readWav(wavPath()).bytes() == pcm.left(accepted));
     }
 
     void connectFailures_data()
@@ -321,7 +271,7 @@ private slots:
 
     void destructionDisconnectsFirst()
     {
-        Events events;
+        PipelineEvents events(true);
         auto pipeline = startPipeline(QString(), &events);
         auto transfer = std::make_unique<OrvelloAudioTransfer>();
         QVERIFY(answered(transfer->connect()));

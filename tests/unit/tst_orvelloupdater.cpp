@@ -1,6 +1,7 @@
 #include "ChildProcesses.h"
 #include "LogCapture.h"
 #include "OrvelloServiceProcess.h"
+#include "TestFiles.h"
 #include "TestPlatform.h"
 
 #include "LibraryFiles.h"
@@ -11,7 +12,6 @@
 #include "model/cmworker.h"
 #include "vrax/vraxpaths.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QNetworkReply>
@@ -27,23 +27,6 @@ namespace {
 const QString kDest = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
 const QString kTmp = kDest + QStringLiteral(".tmp");
 const QString kRecord = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD);
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString& path, const QByteArray& content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
-
-QString sha256Hex(const QByteArray& data)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex());
-}
 
 // The library version the device runs, as the worker publishes it.
 class VersionNode
@@ -78,12 +61,10 @@ private Q_SLOTS:
     void failures();
     void staleDestinationIsWhatGetsVerified_data();
     void staleDestinationIsWhatGetsVerified();
-    void emptyUrlNeverRequests();
-    void intervalBelowOneNeverRequests_data();
-    void intervalBelowOneNeverRequests();
+    void neverRequests_data();
+    void neverRequests();
     void verify_data();
     void verify();
-    void unopenableTemporaryFile();
     void oneDownloadAtATime();
 
 private:
@@ -105,7 +86,7 @@ void tst_OrvelloUpdater::initTestCase()
     SKIP_WITHOUT_CHILD_PROCESSES();
     QVERIFY(m_libraryDir.isValid());
     m_library = QByteArray("\x7f" "ELF fake player library 1.1.0\n").repeated(3000);
-    QVERIFY(writeFile(m_libraryDir.filePath("liboplayer-1.so"), m_library));
+    QVERIFY(writeBytes(m_libraryDir.filePath("liboplayer-1.so"), m_library));
 }
 
 void tst_OrvelloUpdater::init()
@@ -144,7 +125,7 @@ void tst_OrvelloUpdater::newerVersionIsInstalledForUse()
     QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
     QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 10000);
 
-    QCOMPARE(readFile(kDest), m_library);
+    QCOMPARE(fileBytes(kDest), m_library);
     QVERIFY(!QFile::exists(kTmp));
     const VraxOrvelloVersionInfo record = LibraryFiles::readRecord(kRecord);
     QCOMPARE(record.version(), QStringLiteral("1.1.0"));
@@ -272,7 +253,7 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
 {
     QFETCH(bool, staleIsTheOfferedLibrary);
     const QByteArray stale = staleIsTheOfferedLibrary ? m_library : QByteArray("an older download");
-    QVERIFY(writeFile(kDest, stale));
+    QVERIFY(writeBytes(kDest, stale));
     QString error;
     QVERIFY(LibraryFiles::writeRecord(kRecord, "1.0.5", sha256Hex(stale), &error)); // verified by an earlier check
     setUp("1.0.0", "1.1.0");
@@ -283,38 +264,32 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
     QCOMPARE(finished.count(), staleIsTheOfferedLibrary ? 1 : 0);
     QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL),
              staleIsTheOfferedLibrary ? QStringList() : QStringList{"Failed to verify downlaoded library"});
-    QCOMPARE(readFile(kDest), stale);
+    QCOMPARE(fileBytes(kDest), stale);
     QVERIFY(!QFile::exists(kTmp));
     QCOMPARE(m_service->requests().size(), 2);
     // The record follows the last verification: gone when it failed.
     QCOMPARE(LibraryFiles::readRecord(kRecord).version(), staleIsTheOfferedLibrary ? "1.1.0" : QString());
 }
 
-void tst_OrvelloUpdater::emptyUrlNeverRequests()
+void tst_OrvelloUpdater::neverRequests_data()
 {
-    setUp("1.0.0", "1.1.0", {}, 3600, false);
-    OrvelloUpdater updater;
-    QCOMPARE(m_log->messages(log4cplus::FATAL_LOG_LEVEL, "Orvello"),
-             QStringList{"Version url is empty, updater will not work"});
-    QCOMPARE(m_log->lines().size(), 1);
-    QVERIFY(updater.findChildren<QNetworkReply*>().isEmpty());
-    QVERIFY(!updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
-    QVERIFY(m_service->requests().isEmpty());
-}
-
-void tst_OrvelloUpdater::intervalBelowOneNeverRequests_data()
-{
+    QTest::addColumn<bool>("withUrl");
     QTest::addColumn<int>("interval");
-    QTest::newRow("zero") << 0;
-    QTest::newRow("negative") << -60;
+    QTest::addColumn<QStringList>("lines"); // every log line
+    QTest::newRow("no URL") << false << 3600 << QStringList{"Version url is empty, updater will not work"};
+    QTest::newRow("interval zero") << true << 0 << QStringList();
+    QTest::newRow("interval negative") << true << -60 << QStringList();
 }
 
-void tst_OrvelloUpdater::intervalBelowOneNeverRequests()
+void tst_OrvelloUpdater::neverRequests()
 {
+    QFETCH(bool, withUrl);
     QFETCH(int, interval);
-    setUp("1.0.0", "1.1.0", {}, interval);
+    QFETCH(QStringList, lines);
+    setUp("1.0.0", "1.1.0", {}, interval, withUrl);
     OrvelloUpdater updater;
-    QVERIFY2(m_log->lines().isEmpty(), qPrintable(m_log->dump()));
+    QCOMPARE(m_log->messages(log4cplus::FATAL_LOG_LEVEL, "Orvello"), lines);
+    QVERIFY2(m_log->lines().size() == lines.size(), qPrintable(m_log->dump()));
     QVERIFY(updater.findChildren<QNetworkReply*>().isEmpty());
     QVERIFY(!updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
     QVERIFY(m_service->requests().isEmpty());
@@ -347,23 +322,11 @@ void tst_OrvelloUpdater::verify()
     QFETCH(bool, verified);
     setUp("1.0.0", "1.1.0", {}, 0);
     if (present)
-        QVERIFY(writeFile(kDest, content));
+        QVERIFY(writeBytes(kDest, content));
     OrvelloUpdater updater;
     QCOMPARE(updater.verifyDownloadedLib(VraxOrvelloVersionInfo(QVariantHash{{"checksum", checksum}})), verified);
     QVERIFY(m_log->lines().isEmpty());
     QCOMPARE(QFile::exists(kDest), present);
-}
-
-void tst_OrvelloUpdater::unopenableTemporaryFile()
-{
-    setUp("1.0.0", "1.1.0", {}, 0);
-    QVERIFY(QDir(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH)).removeRecursively());
-    OrvelloUpdater updater;
-    const CMReply<bool> reply = updater.downloadLibrary(m_service->url("/files/liboplayer-1.so"));
-    QVERIFY(reply.isFinished());
-    QCOMPARE(reply.value(), false);
-    QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL), QStringList{"Unable to open destination:" + kTmp});
-    QVERIFY(m_service->requests().isEmpty());
 }
 
 // Downloads slower than the check interval: later checks start none of their own, and a direct
@@ -389,7 +352,7 @@ void tst_OrvelloUpdater::oneDownloadAtATime()
     for (const QJsonValue& request : m_service->requests())
         downloads += request.toObject().value("path").toString().startsWith("/files/");
     QCOMPARE(downloads, 1);
-    QCOMPARE(readFile(kDest), m_library);
+    QCOMPARE(fileBytes(kDest), m_library);
     QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL).size(), 1);
 }
 

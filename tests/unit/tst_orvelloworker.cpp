@@ -1,6 +1,5 @@
 // The module as the platform sees it: liborvello.so loaded with dlopen, worker_create, the
 // published nodes, the scratch directory, and clean deletion.
-#include "ChildProcesses.h"
 #include "LogCapture.h"
 #include "TestPlatform.h"
 
@@ -11,16 +10,14 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QProcess>
+#include <QScopeGuard>
 #include <QTest>
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <memory>
 
 namespace {
-const char* const kReadOnlyCase = "--read-only-scratch-case";
 const QString kScratch = QStringLiteral("/tmp/orvello");
 
 QStringList errors(const LogCapture& log)
@@ -35,9 +32,7 @@ class TestOrvelloWorker : public QObject
 private Q_SLOTS:
     void init() { QDir(kScratch).removeRecursively(); }
     void moduleCreatesWorkerThroughEntry();
-    void scratchDirectoryExists();
     void prepareDirectoryCreatesParents();
-    void scratchDirectoryNotWritable();
     void initialisationGate();
     void pendingPairingCancelledWithTheWorker();
 };
@@ -77,16 +72,6 @@ void TestOrvelloWorker::moduleCreatesWorkerThroughEntry()
     QCOMPARE(dlclose(module), 0);
 }
 
-void TestOrvelloWorker::scratchDirectoryExists()
-{
-    TestPlatform t;
-    QVERIFY(QDir().mkpath(kScratch));
-    LogCapture log;
-    OrvelloWorker worker{QVariantHash()};
-    QVERIFY2(errors(log).isEmpty(), qPrintable(log.dump()));
-    QVERIFY(t.platform().node(VraxOrvelloSdkVersion()));
-}
-
 void TestOrvelloWorker::prepareDirectoryCreatesParents()
 {
     TestPlatform t;
@@ -104,32 +89,12 @@ void TestOrvelloWorker::prepareDirectoryCreatesParents()
              QStringList{QStringLiteral("Can not create directory :") + blocker.fileName() + QStringLiteral("/sub")});
 }
 
-// A directory that is really not writable, also for root: a read-only bind mount in a mount
-// namespace of the child's own. The child runs the case and reports through its exit code.
-void TestOrvelloWorker::scratchDirectoryNotWritable()
-{
-    if (geteuid() != 0)
-        QSKIP("needs root to make a private read-only mount of /tmp/orvello");
-    SKIP_WITHOUT_CHILD_PROCESSES();
-    if (QProcess::execute(QStringLiteral("unshare"), {QStringLiteral("-m"), QStringLiteral("true")}) != 0)
-        QSKIP("this machine does not allow mount namespaces, so /tmp/orvello cannot be made read-only for root");
-    QProcess child;
-    child.setProcessChannelMode(QProcess::MergedChannels);
-    const QString script = QStringLiteral(
-        "mkdir -p /tmp/orvello && mount -t tmpfs tmpfs /tmp/orvello && mount -o remount,ro /tmp/orvello "
-        "&& exec \"$0\" %1").arg(QLatin1String(kReadOnlyCase));
-    child.start(QStringLiteral("unshare"), {QStringLiteral("-m"), QStringLiteral("--propagation"), QStringLiteral("private"),
-                                            QStringLiteral("sh"), QStringLiteral("-c"), script,
-                                            QCoreApplication::applicationFilePath()});
-    QVERIFY(child.waitForFinished(60000));
-    QVERIFY2(child.exitCode() == 0, child.readAll().constData());
-}
-
-// The gate with a thread-free fake library whose pairing start answers 7, so every pairing
-// request ends at once with that error.
+// The gate with a fake library whose pairing start answers 7, so every pairing request ends at
+// once with that error.
 void TestOrvelloWorker::initialisationGate()
 {
-    TestPlatform t;
+    TestPlatform t({{VraxOrvelloOutputChannelsPath().toString(), 2},
+                    {VraxOrvelloOutputSampleRatePath().toString(), 44100}});
     LogCapture log;
     OrvelloWorker worker{QVariantHash()};
     QCOMPARE(log.messages(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Orvello")),
@@ -145,7 +110,9 @@ void TestOrvelloWorker::initialisationGate()
     QVERIFY(log.contains(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Failed to load oplayer-1 library")));
 
     QVERIFY(QDir().mkpath(QStringLiteral("data-rw/orvello")));
-    QVERIFY(QFile::copy(QStringLiteral(FAKE_PAIR_START_ERROR), QStringLiteral("data-rw/orvello/liboplayer-1.so")));
+    QVERIFY(QFile::copy(QStringLiteral(FAKE_PLAYING), QStringLiteral("data-rw/orvello/liboplayer-1.so")));
+    qputenv("ORVELLO_FAKE_MODES", "pair-start-error");
+    const auto modes = qScopeGuard([] { qunsetenv("ORVELLO_FAKE_MODES"); });
     VraxHash code;
     code.setString_(QStringLiteral("ABCDEF"));
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -195,36 +162,5 @@ void TestOrvelloWorker::pendingPairingCancelledWithTheWorker()
     QCOMPARE(reply.error().name(), CMVoidReply::ErrorCancel());
 }
 
-// Runs in the child of scratchDirectoryNotWritable, where /tmp/orvello is a read-only mount.
-static int readOnlyScratchCase()
-{
-    TestPlatform t;
-    LogCapture log;
-    {
-        OrvelloWorker worker{QVariantHash()};
-        const QStringList expected{QStringLiteral("Can not write to /tmp/orvello"),
-                                   QStringLiteral("Can not init OrvelloWorker without /tmp/orvello dir")};
-        if (log.messages(log4cplus::ERROR_LOG_LEVEL) != expected) {
-            fprintf(stderr, "unexpected log:\n%s", qPrintable(log.dump()));
-            return 1;
-        }
-        // The inert worker still publishes its page and version node, and nothing else.
-        if (!t.platform().node(VraxOrvelloSdkVersion()) || t.platform().node(VraxOrvelloSetPairCode())
-            || t.platform().nodePaths().size() != 3) {
-            fprintf(stderr, "unexpected nodes\n");
-            return 1;
-        }
-    }
-    return 0;
-}
-
-int main(int argc, char** argv)
-{
-    QCoreApplication app(argc, argv);
-    if (argc > 1 && qstrcmp(argv[1], kReadOnlyCase) == 0)
-        return readOnlyScratchCase();
-    TestOrvelloWorker test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
-}
+QTEST_GUILESS_MAIN(TestOrvelloWorker)
 #include "tst_orvelloworker.moc"

@@ -1,102 +1,13 @@
 // The smt2 sender, its future and its Unix-socket channel against the emulated pipeline.
 #include "LogCapture.h"
-#include "WaitFor.h"
-#include "audiopipeline.h"
-
-#include "audioUtils/pcmaudioinfo.h"
-#include "miscUtils/ioeventloop.h"
-#include "miscUtils/notime.h"
-#include "smt2/audiosender.h"
-#include "smt2/unixclientsocketchannel.h"
+#include "Smt2TestKit.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <mutex>
 #include <thread>
 
 namespace {
-
-// Everything the pipeline tells its hooks, in order, as short texts. Kept in std containers:
-// Qt's implicitly shared ones would be shared across threads by uninstrumented Qt code.
-struct EventLog
-{
-    std::mutex mutex;
-    std::vector<std::string> events;
-    void add(const QString& e)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(e.toStdString());
-    }
-    QStringList all()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        QStringList list;
-        for (const std::string& e : events)
-            list << QString::fromStdString(e);
-        return list;
-    }
-    vrax::AudioPipelineHooks hooks()
-    {
-        vrax::AudioPipelineHooks h;
-        h.senderConnected = [this] { add("connected"); };
-        h.sequenceStarted = [this](const audioUtils::PcmAudioInfo& f) {
-            add(QString("start %1/%2").arg(f.sampleRate()).arg(f.channels()));
-        };
-        h.audioArrived = [this](const std::uint8_t*, std::size_t n) { add(QString("audio %1").arg(n)); };
-        h.flushed = [this] { add("flush"); };
-        h.sequenceEnded = [this] { add("end"); };
-        h.senderDisconnected = [this] { add("disconnected"); };
-        return h;
-    }
-};
-
-// A sender on its own loop thread, recording its state changes.
-struct Client
-{
-    explicit Client(const std::string& path, std::size_t buffers = 4)
-        : loop(1000, "tstSmt2Loop"), pool(buffers), channel(loop.ioEventLoop()), sender(&pool)
-    {
-        channel.setSocketAddress(path);
-        channel.setSendBufferSize(131072);
-        sender.setTransportChannel(channel);
-        sender.onStateChange([this](smt2::Sender::State, smt2::Sender::State s) {
-            std::lock_guard<std::mutex> lock(mutex);
-            states.push_back(int(s));
-        });
-        sender.onHandshakeFailed([this](smt2::Error e) {
-            std::lock_guard<std::mutex> lock(mutex);
-            handshakeFailures.push_back(e.details.asHash().at("reason").asString());
-        });
-    }
-    QList<int> stateList()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return QList<int>(states.begin(), states.end());
-    }
-    QStringList failures()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        QStringList list;
-        for (const std::string& f : handshakeFailures)
-            list << QString::fromStdString(f);
-        return list;
-    }
-    smt2::Future<smt2::ErrorID> send(const std::vector<unsigned char>& bytes)
-    {
-        return sender.sendAudioData(miscUtils::NoTimeValue, miscUtils::NoTimeValue, bytes);
-    }
-
-    // Declared first: the sender's handlers may run until the sender is gone. Std containers,
-    // as Qt's implicitly shared ones are shared across threads inside uninstrumented Qt code.
-    std::mutex mutex;
-    std::vector<int> states;
-    std::vector<std::string> handshakeFailures;
-    miscUtils::IOEventLoopThread loop;
-    smt2::BufferPool pool;
-    smt2::UnixClientSocketChannel channel;
-    smt2::AudioSender sender;
-};
 
 miscUtils::VariantHash pcm(int rate, int channels)
 {
@@ -165,11 +76,11 @@ private slots:
 
     void streamsInOrder()
     {
-        EventLog log;
+        PipelineEvents log;
         vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
         pipeline.setHooks(log.hooks());
         QVERIFY(pipeline.start());
-        Client client(socket());
+        Smt2Client client(socket());
         // Announced while disconnected: kept and sent once streaming starts.
         QCOMPARE(result(client.sender.setAudioSequenceInfo(audioUtils::pcmAudioType(), pcm(48000, 2))),
                  code(smt2::ErrorID::Success));
@@ -197,7 +108,7 @@ private slots:
     {
         vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
         QVERIFY(pipeline.start());
-        Client client(socket());
+        Smt2Client client(socket());
         QCOMPARE(result(client.send({1, 2})), code(smt2::ErrorID::NotConnected));
         QCOMPARE(result(client.sender.sendFlush()), code(smt2::ErrorID::NotConnected));
         QCOMPARE(result(client.sender.connect()), code(smt2::ErrorID::Success));
@@ -229,7 +140,7 @@ private slots:
         pipeline.refuseProtocolVersion(smt2::ProtocolVersion);
         if (listening)
             QVERIFY(pipeline.start());
-        Client client(socket());
+        Smt2Client client(socket());
         QCOMPARE(result(client.sender.connect()), code(expected));
         QCOMPARE(client.failures(), handshakeFailures);
         // A refused sender is left handshaking until the receiver hangs up.
@@ -242,7 +153,7 @@ private slots:
     {
         vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
         QVERIFY(pipeline.start());
-        Client client(socket());
+        Smt2Client client(socket());
         client.sender.setAudioSequenceInfo(audioUtils::pcmAudioType(), pcm(44100, 2));
         QCOMPARE(result(client.sender.connect()), code(smt2::ErrorID::Success));
         pipeline.setReadingPaused(true);
