@@ -275,13 +275,16 @@ struct FaultWindow
     int kind = 0;
     qint64 from = 0;
     qint64 to = 0;             // cleared
-    qint64 swapDoneNs = 0;     // the swap it held back, once done
+    qint64 offeredNs = 0;      // the offer it spoiled, or the first one after it
+    qint64 swapDoneNs = 0;     // that offer's swap, once done
 };
 
 struct Swap
 {
+    qint64 offeredNs = 0;
     qint64 loopEndNs = 0;
     qint64 loadedNs = 0;
+    bool clean = true;         // no fault came with the offer or just before it
     QString from, to;
 };
 
@@ -414,7 +417,7 @@ private:
     qint64 m_audioAtSwap = 0;
     bool m_expectLoad = true;
     std::vector<Swap> m_swaps;
-    int m_offerFault = -1;   // the fault injected with the pending offer
+    int m_offerFault = -1;   // the fault that came with the pending offer, or just before it
     int m_offersNotTaken = 0, m_repeatedExitRequests = 0, m_unrequestedExitRequests = 0, m_unrequestedLoads = 0;
 
     // Faults.
@@ -894,11 +897,17 @@ void Soak::driveSwap()
             return;
         m_swapState = SwapState::Offered;
         m_offeredNs = now;
+        // A fault without an offer is followed by one; how soon that swap happens tells how soon
+        // the device saw the service again.
         m_offerFault = -1;
+        if (!m_faults.empty() && !m_faults.back().offeredNs)
+            m_offerFault = int(m_faults.size()) - 1;
         if (faultDue) {
             m_offerFault = int(m_faults.size());
             startFault(kind, true);
         }
+        if (m_offerFault >= 0)
+            m_faults[std::size_t(m_offerFault)].offeredNs = now;
         return;
     }
     case SwapState::Offered: {
@@ -951,7 +960,7 @@ void Soak::onLibraryLoaded(qint64 ns, const QString& version)
     m_libraryEvents.push_back(ns);
     if (m_swapState == SwapState::Pending) {
         if (version == m_target->version) {
-            m_swaps.push_back({m_lastLoopEndNs, ns, before, version});
+            m_swaps.push_back({m_offeredNs, m_lastLoopEndNs, ns, m_offerFault < 0, before, version});
             if (m_offerFault >= 0)
                 m_faults[std::size_t(m_offerFault)].swapDoneNs = ns;
         } else {
@@ -1231,10 +1240,13 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
     for (const Silence& s : m_silences)
         if (!longest || s.seconds() > longest->seconds())
             longest = &s;
-    std::vector<double> swapMs;
-    for (const Swap& s : m_swaps)
+    std::vector<double> swapMs, offerToSwapS;
+    for (const Swap& s : m_swaps) {
         if (s.loopEndNs && s.loadedNs >= s.loopEndNs)
             swapMs.push_back(double(s.loadedNs - s.loopEndNs) / 1e6);
+        if (s.clean)
+            offerToSwapS.push_back(double(s.loadedNs - s.offeredNs) / 1e9);
+    }
     auto median = [](std::vector<double> v) {
         if (v.empty())
             return std::nan("");
@@ -1271,7 +1283,8 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
        << "× real time), " << m_connections << " stream connections, " << m_sequences << " sequences |\n"
        << "| update swaps | **" << m_swaps.size() << "** (" << upward << " to 1.1.0, " << m_swaps.size() - std::size_t(upward)
        << " back to 1.0.0), of " << m_offers << " offers; loop end to new library loaded: median " << num(median(swapMs))
-       << " ms, longest " << num(maximum(swapMs)) << " ms |\n"
+       << " ms, longest " << num(maximum(swapMs)) << " ms; offer to swap without a fault: median "
+       << num(median(offerToSwapS)) << " s, longest " << num(maximum(offerToSwapS)) << " s |\n"
        << "| library loop ends / loads | " << m_loopEnds << " / " << m_loads << " |\n"
        << "| rollbacks | " << m_rollbacks << " |\n"
        << "| \"No player library is running\" | " << m_noLibrary << " |\n"
@@ -1345,8 +1358,10 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
 
     md << "## Faults\n\nMost faults come with an update offer, so the download they spoil is one the device wants; "
           "each is held for its time and then cleared, and the swap it held back should then happen. Slow answers "
-          "come while nothing newer is offered (an answer carries the offer of when it was asked).\n\n"
-       << "| fault | what the service does (held) | times | swap done after clearing: median (s) | swap never done |\n"
+          "come while nothing newer is offered (an answer carries the offer of when it was asked); for them the "
+          "table gives how long the first offer after clearing took to become a swap, against "
+          << num(median(offerToSwapS)) << " s (median) for an offer without a fault.\n\n"
+       << "| fault | what the service does (held) | times | swap done, s after clearing (median) | swap never done |\n"
        << "|---|---|---|---|---|\n";
     for (std::size_t k = 0; k < faultKinds().size(); ++k) {
         std::vector<double> after;
@@ -1355,15 +1370,15 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
             if (std::size_t(f.kind) != k)
                 continue;
             ++times;
+            const bool withOffer = faultKinds().at(k).withOffer;
             if (f.swapDoneNs)
-                after.push_back(double(std::max<qint64>(0, f.swapDoneNs - f.to)) / 1e9);
+                after.push_back(double(std::max<qint64>(0, f.swapDoneNs - (withOffer ? f.to : f.offeredNs))) / 1e9);
             else if (f.to && f.to < m_endNs - kSwapTimeoutNs)   // not still under way when the run ended
                 ++never;
         }
         const FaultKind& kind = faultKinds().at(k);
         md << "| " << kind.name << " | " << kind.what << " (" << kind.holdSeconds << " s) | " << times << " | "
-           << (kind.withOffer ? num(median(after)) : QStringLiteral("no offer")) << " | "
-           << (kind.withOffer ? QString::number(never) : QString()) << " |\n";
+           << num(median(after)) << (kind.withOffer ? "" : " (offer to swap)") << " | " << never << " |\n";
     }
     md << "\n";
 
