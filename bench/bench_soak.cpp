@@ -604,6 +604,10 @@ void Soak::step()
         driveFault();
         driveSwap();
         driveControl();
+        // A request above may have kept the soak waiting (the service answers its admin requests
+        // behind slow answers): catch up with the trace before judging silence, or the wait
+        // itself looks like silence.
+        readTrace();
         watchSilence();
         // After a request that kept the soak waiting, sampling goes on from now rather than catching up.
         if (nowNs() >= m_nextSampleNs) {
