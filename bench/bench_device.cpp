@@ -9,6 +9,7 @@
 //
 //   bench_device --results DIR --work-dir DIR [--runs N]
 #include "DeviceRig.h"
+#include "ProcStat.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -89,28 +90,13 @@ struct Series
 
 // ---- /proc ------------------------------------------------------------------------------------
 
-QList<QByteArray> statFields(const QString& path, QByteArray* name = nullptr)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    const QByteArray text = file.readAll();
-    const int open = text.indexOf('('), close = text.lastIndexOf(')');
-    if (open < 0 || close < open)
-        return {};
-    if (name)
-        *name = text.mid(open + 1, close - open - 1);
-    // From the state (field 3) on.
-    return text.mid(close + 2).simplified().split(' ');
-}
-
 // user+sys CPU seconds of a process (all its threads, the ended ones included).
 double processCpuSeconds(qint64 pid)
 {
-    const QList<QByteArray> f = statFields(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (f.size() < 13)
+    const double seconds = bench::cpuSeconds(bench::statFields(QStringLiteral("/proc/%1/stat").arg(pid)));
+    if (seconds < 0)
         fail(QStringLiteral("cannot read the CPU time of process %1").arg(pid));
-    return double(f.at(11).toLongLong() + f.at(12).toLongLong()) / double(sysconf(_SC_CLK_TCK));
+    return seconds;
 }
 
 // CPU seconds per thread name; the main thread is "main", unnamed threads carry the program's name.
@@ -120,11 +106,11 @@ std::map<QString, double> threadCpuSeconds(qint64 pid)
     const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
     for (const QString& tid : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
         QByteArray name;
-        const QList<QByteArray> f = statFields(tasks.filePath(tid) + QStringLiteral("/stat"), &name);
-        if (f.size() < 13)
+        const double seconds = bench::cpuSeconds(bench::statFields(tasks.filePath(tid) + QStringLiteral("/stat"), &name));
+        if (seconds < 0)
             continue;
         const QString key = tid.toLongLong() == pid ? QStringLiteral("main") : QString::fromUtf8(name);
-        byName[key] += double(f.at(11).toLongLong() + f.at(12).toLongLong()) / double(sysconf(_SC_CLK_TCK));
+        byName[key] += seconds;
     }
     return byName;
 }
@@ -132,13 +118,10 @@ std::map<QString, double> threadCpuSeconds(qint64 pid)
 // A "Vm..." line of /proc/PID/status, in KiB.
 qint64 statusKiB(qint64 pid, const char* key)
 {
-    QFile file(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!file.open(QIODevice::ReadOnly))
-        fail(QStringLiteral("cannot read the memory of process %1").arg(pid));
-    for (const QByteArray& line : file.readAll().split('\n'))
-        if (line.startsWith(key))
-            return line.mid(int(qstrlen(key))).trimmed().split(' ').first().toLongLong();
-    fail(QStringLiteral("no %1 for process %2").arg(QLatin1String(key)).arg(pid));
+    const qint64 kiB = bench::statusValue(pid, key);
+    if (kiB < 0)
+        fail(QStringLiteral("no %1 for process %2").arg(QLatin1String(key)).arg(pid));
+    return kiB;
 }
 
 // ---- traces -----------------------------------------------------------------------------------
@@ -673,10 +656,7 @@ double Bench::transferAloneTimesRealtime()
 
 // ---- the report -------------------------------------------------------------------------------
 
-std::ostream& operator<<(std::ostream& out, const QString& text)
-{
-    return out << text.toUtf8().constData();
-}
+using bench::operator<<;
 
 QString num(double value, int precision = 3)
 {

@@ -10,6 +10,7 @@
 //   bench_soak --results DIR --work-dir DIR [--minutes N] [--track-seconds S] [--tracks-per-swap N]
 //              [--fault-every S] [--stop-every S] [--pause-every S]
 #include "DeviceRig.h"
+#include "ProcStat.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -88,10 +89,7 @@ qint64 realtimeOffsetNs()
     return (qint64(real.tv_sec) - qint64(mono.tv_sec)) * kS + (qint64(real.tv_nsec) - qint64(mono.tv_nsec));
 }
 
-std::ostream& operator<<(std::ostream& out, const QString& text)
-{
-    return out << text.toUtf8().constData();
-}
+using bench::operator<<;
 
 QString num(double value, int precision = 3)
 {
@@ -120,23 +118,12 @@ struct ProcessSample
 ProcessSample sampleProcess(qint64 pid)
 {
     ProcessSample s;
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
+    s.rssKiB = bench::statusValue(pid, "VmRSS:");
+    if (s.rssKiB < 0)
         return s;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            s.rssKiB = line.mid(6).trimmed().split(' ').first().toLongLong();
-        else if (line.startsWith("Threads:"))
-            s.threads = line.mid(8).trimmed().toInt();
-    }
+    s.threads = int(bench::statusValue(pid, "Threads:"));
     s.fds = int(QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System).size());
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (stat.open(QIODevice::ReadOnly)) {
-        const QByteArray text = stat.readAll();
-        const QList<QByteArray> f = text.mid(text.lastIndexOf(')') + 2).simplified().split(' ');
-        if (f.size() > 12)
-            s.cpuSeconds = double(f.at(11).toLongLong() + f.at(12).toLongLong()) / double(sysconf(_SC_CLK_TCK));
-    }
+    s.cpuSeconds = bench::cpuSeconds(bench::statFields(QStringLiteral("/proc/%1/stat").arg(pid)));
     return s;
 }
 
