@@ -5,6 +5,7 @@
 #include "TestPlatform.h"
 
 #include "LibraryFiles.h"
+#include "LibraryStore.h"
 #include "OrvelloUpdater.h"
 
 #include "model/cmnode.h"
@@ -26,7 +27,7 @@
 namespace {
 const QString kDest = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
 const QString kTmp = kDest + QStringLiteral(".tmp");
-const QString kRecord = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD);
+const QString kRecord = LibraryStore().recordPath();
 
 // The library version the device runs, as the worker publishes it.
 class VersionNode
@@ -127,9 +128,9 @@ void tst_OrvelloUpdater::newerVersionIsInstalledForUse()
 
     QCOMPARE(fileBytes(kDest), m_library);
     QVERIFY(!QFile::exists(kTmp));
-    const VraxOrvelloVersionInfo record = LibraryFiles::readRecord(kRecord);
-    QCOMPARE(record.version(), QStringLiteral("1.1.0"));
-    QCOMPARE(record.checksum(), sha256Hex(m_library));
+    const VerifiedDownload record = LibraryFiles::readRecord(kRecord);
+    QCOMPARE(record.version, QStringLiteral("1.1.0"));
+    QCOMPARE(record.checksum, sha256Hex(m_library));
     const QString configUrl = m_service->url("/config.json");
     const QString link = m_service->url("/files/liboplayer-1.so");
     const QStringList info = orvelloLines(log4cplus::INFO_LOG_LEVEL);
@@ -255,7 +256,7 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
     const QByteArray stale = staleIsTheOfferedLibrary ? m_library : QByteArray("an older download");
     QVERIFY(writeBytes(kDest, stale));
     QString error;
-    QVERIFY(LibraryFiles::writeRecord(kRecord, "1.0.5", sha256Hex(stale), &error)); // verified by an earlier check
+    QVERIFY(LibraryFiles::writeRecord(kRecord, {"1.0.5", sha256Hex(stale), QString()}, &error)); // verified by an earlier check
     setUp("1.0.0", "1.1.0");
     OrvelloUpdater updater;
     QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
@@ -268,7 +269,7 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
     QVERIFY(!QFile::exists(kTmp));
     QCOMPARE(m_service->requests().size(), 2);
     // The record follows the last verification: gone when it failed.
-    QCOMPARE(LibraryFiles::readRecord(kRecord).version(), staleIsTheOfferedLibrary ? "1.1.0" : QString());
+    QCOMPARE(LibraryFiles::readRecord(kRecord).version, staleIsTheOfferedLibrary ? "1.1.0" : QString());
 }
 
 void tst_OrvelloUpdater::neverRequests_data()

@@ -9,6 +9,7 @@
 #include <QVariantHash>
 
 class CMValueNode;
+class LibraryStore;
 class OPlayerLib;
 class OrvelloPlayLogic;
 class OrvelloUI;
@@ -20,6 +21,9 @@ class QTimer;
 // device is paired or a pairing code has been entered. A verified library update is swapped
 // in at the end of the current song. While no library runs after that, the library list is
 // searched again with a growing pause (1 s up to 60 s) and the play logic claims nothing.
+//
+// Owns the library store and chooses the scratch directory: "/tmp/orvello" when it can be
+// prepared and nobody else controls it, else a private directory of its own.
 // Created by worker_create and deleted by the platform, on the platform's main thread.
 class OrvelloWorker : public CMNodesWorker
 {
@@ -28,7 +32,7 @@ public:
     explicit OrvelloWorker(const QVariantHash& config);
     ~OrvelloWorker() override;
 
-    // Makes sure path exists as a directory (parents included) and is writable.
+    // Makes sure path exists as a directory (parents included, created 0700) and is writable.
     bool prepareDirectory(const QString& path) const;
 
     // Creates the library host, the play logic and the updater unless that is done already or
@@ -54,7 +58,13 @@ private:
     OrvelloUpdater* m_updater;
     OPlayerLib* m_oplayerLib;
     OrvelloPlayLogic* m_playLogic;
+    LibraryStore* m_store = nullptr;
+    // The scratch directory is the worker's own, removed with it.
+    bool m_privateScratch = false;
 
+    // "/tmp/orvello", or a private directory when that cannot be used or trusted; empty when
+    // neither can be had.
+    QString chooseScratchDirectory() const;
     // After a reload: stops the play logic and schedules a search when no library runs.
     void retryUnlessRunning();
 
