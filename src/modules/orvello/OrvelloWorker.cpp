@@ -112,16 +112,35 @@ CMError OrvelloWorker::maybeInitialize(bool force)
     if (!m_oplayerLib->ok()) {
         delete m_oplayerLib;
         m_oplayerLib = nullptr;
-        return CMError(ORVELLO_TR("Failed to load library"));
+        const CMError error(ORVELLO_TR("Failed to load library"));
+        if (!force)
+            startHealing();
+        return error;
     }
     delete m_playLogic;
     m_playLogic = new OrvelloPlayLogic(nodes(), m_oplayerLib->playbackApi());
-    delete m_updater;
-    m_updater = new OrvelloUpdater(m_store);
+    // One that runs already (started while no library loaded) keeps its download going.
+    const bool newUpdater = !m_updater;
+    if (newUpdater)
+        m_updater = new OrvelloUpdater(m_store);
     m_initialized = true;
-    vraxConnect(m_updater, &OrvelloUpdater::updateFinished, this, &OrvelloWorker::on_updater_updateFinished);
+    if (newUpdater)
+        vraxConnect(m_updater, &OrvelloUpdater::updateFinished, this, &OrvelloWorker::on_updater_updateFinished);
     vraxConnect(m_oplayerLib, &OPlayerLib::endOfLoop, this, &OrvelloWorker::on_lib_endOfLoop);
+    if (m_retryTimer)
+        m_retryTimer->stop();
     return CMError();
+}
+
+void OrvelloWorker::startHealing()
+{
+    if (!m_updater) {
+        LOG4CPLUS_WARN(logger, "No player library loads on this paired device; the update check runs all the same, so "
+                               "that a verified update can bring one");
+        m_updater = new OrvelloUpdater(m_store);
+        vraxConnect(m_updater, &OrvelloUpdater::updateFinished, this, &OrvelloWorker::on_updater_updateFinished);
+    }
+    retryUnlessRunning();
 }
 
 void OrvelloWorker::on_setPairingCode_activated(const CMSetDataRequest& request)
@@ -140,6 +159,12 @@ void OrvelloWorker::on_updater_updateFinished()
 {
     if (!m_store->hasInstallableUpdate())
         return;
+    if (!m_oplayerLib) {
+        // The host installs the waiting download when it starts.
+        LOG4CPLUS_INFO(logger, "No player library is running, so the verified update is installed now");
+        maybeInitialize(false);
+        return;
+    }
     if (!m_oplayerLib->ok()) {
         LOG4CPLUS_INFO(logger, "No player library is running, so the verified update is installed now");
         m_oplayerLib->update();
@@ -157,12 +182,12 @@ void OrvelloWorker::on_lib_endOfLoop()
 
 void OrvelloWorker::retryUnlessRunning()
 {
-    if (m_oplayerLib->ok()) {
+    if (m_oplayerLib && m_oplayerLib->ok()) {
         if (m_retryTimer)
             m_retryTimer->stop();
         return;
     }
-    if (m_playLogic->data().state() != VraxPlayLogicData::Stopped)
+    if (m_playLogic && m_playLogic->data().state() != VraxPlayLogicData::Stopped)
         m_playLogic->stop();
     if (!m_retryTimer) {
         m_retryTimer = new QTimer(this);
@@ -193,12 +218,20 @@ void OrvelloWorker::on_retryTimer_timeout()
     LOG4CPLUS_INFO(logger, "Searching the library list again (attempt " << m_retryAttempt
                                                                          << "); if no library loads, the next attempt follows in "
                                                                          << next << " s");
-    m_oplayerLib->load();
-    if (m_oplayerLib->ok()) {
-        m_retryLoaded.start();
-        return;
-    }
+    // Armed first: a gate that fails again finds the search scheduled and leaves the pause growing.
     m_retryTimer->start(next * 1000);
+    if (m_oplayerLib) {
+        m_oplayerLib->load();
+    } else {
+        maybeInitialize(false);
+        // The token is gone: the device waits for a pairing code instead.
+        if (!m_initialized && setting(VraxOrvelloTokenPath()).string_().isEmpty())
+            m_retryTimer->stop();
+    }
+    if (m_oplayerLib && m_oplayerLib->ok()) {
+        m_retryTimer->stop();
+        m_retryLoaded.start();
+    }
 }
 
 QString OrvelloWorker::chooseScratchDirectory() const
