@@ -126,13 +126,32 @@ QList<QByteArray> components(const QByteArray& path)
     return out;
 }
 
+// Why another account could change the entries of dir: it owns it, or it may write there and
+// the sticky bit does not keep it to its own entries.
+QString passageProblem(const QByteArray& dir, const struct stat& info)
+{
+    if (!trustedOwner(info.st_uid))
+        return QString::fromLocal8Bit(dir) + QStringLiteral(" on the way to it is ") + ownerText(info.st_uid);
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) && !(info.st_mode & S_ISVTX))
+        return QString::fromLocal8Bit(dir)
+            + QStringLiteral(" on the way to it is writable by %1 (mode %2) without the sticky bit")
+                  .arg(writers(info.st_mode), modeText(info.st_mode));
+    return QString();
+}
+
+QByteArray parentOf(const QByteArray& path)
+{
+    const int slash = int(path.lastIndexOf('/'));
+    return slash <= 0 ? QByteArray("/") : path.left(slash);
+}
+
 // Where path really is once every symbolic link is followed, walked one name at a time from the
-// root so that every directory and link passed through is looked at: each must be owned by root
-// or this process's user, and a directory others can write must have the sticky bit (so only the
-// owner of a name in it can change that name). `real` gets the real path, `info` its lstat and
-// `directory` the lstat of the directory it really lives in. Empty when nobody else controls the
-// way.
-QString walk(const QString& path, QByteArray* real, struct stat* info, struct stat* directory)
+// root so that every directory passed through and every link followed is looked at: each
+// directory the walk goes down from or finds a link in must pass passageProblem, and each link
+// must be owned by root or this process's user. The directory the result lies in is left to the
+// caller's own rule: `real` gets the real path and `info` its lstat, `dir` and `dirInfo` that
+// directory's. Empty when nobody else controls the way.
+QString walk(const QString& path, QByteArray* real, struct stat* info, QByteArray* dir, struct stat* dirInfo)
 {
     QByteArray absolute = QFile::encodeName(path);
     if (!absolute.startsWith('/')) {
@@ -142,37 +161,39 @@ QString walk(const QString& path, QByteArray* real, struct stat* info, struct st
         absolute = QByteArray(cwd) + '/' + absolute;
     }
     QList<QByteArray> pending = components(absolute);
+    // Always a real path: no link in it, so its lexical parent is its parent.
     QByteArray current = "/";
     struct stat currentInfo;
-    if (::lstat("/", &currentInfo) != 0)
-        return QStringLiteral("/ cannot be read: ") + systemError(errno);
     int links = 0;
     for (;;) {
-        if (!trustedOwner(currentInfo.st_uid))
-            return QString::fromLocal8Bit(current) + QStringLiteral(" on the way to it is ") + ownerText(currentInfo.st_uid);
-        if ((currentInfo.st_mode & (S_IWGRP | S_IWOTH)) && !(currentInfo.st_mode & S_ISVTX))
-            return QString::fromLocal8Bit(current) + QStringLiteral(" on the way to it is writable by %1 (mode %2) "
-                                                                    "without the sticky bit")
-                                                         .arg(writers(currentInfo.st_mode), modeText(currentInfo.st_mode));
         while (!pending.isEmpty() && (pending.first() == "." || pending.first() == "..")) {
-            if (pending.takeFirst() == ".." && current != "/") {
-                current.truncate(current.lastIndexOf('/'));
-                if (current.isEmpty())
-                    current = "/";
-                ::lstat(current.constData(), &currentInfo);
-            }
+            if (pending.takeFirst() == "..")
+                current = parentOf(current);
         }
+        if (::lstat(current.constData(), &currentInfo) != 0)
+            return QString::fromLocal8Bit(current) + QStringLiteral(": ") + systemError(errno);
         if (pending.isEmpty()) {
-            // The path names a directory through "." or "..": it is its own result.
+            // The path names a directory through "." or "..".
             *real = current;
             *info = currentInfo;
-            const QByteArray parent = current == "/" ? current : current.left(std::max(1, int(current.lastIndexOf('/'))));
-            return ::lstat(parent.constData(), directory) == 0 ? QString() : QString::fromLocal8Bit(parent) + QStringLiteral(": ") + systemError(errno);
+            *dir = parentOf(current);
+            return ::lstat(dir->constData(), dirInfo) == 0 ? QString()
+                                                           : QString::fromLocal8Bit(*dir) + QStringLiteral(": ") + systemError(errno);
         }
         const QByteArray next = joined(current, pending.takeFirst());
         struct stat nextInfo;
         if (::lstat(next.constData(), &nextInfo) != 0)
             return QString::fromLocal8Bit(next) + QStringLiteral(": ") + systemError(errno);
+        if (!S_ISLNK(nextInfo.st_mode) && pending.isEmpty()) {
+            *real = next;
+            *info = nextInfo;
+            *dir = current;
+            *dirInfo = currentInfo;
+            return QString();
+        }
+        const QString passage = passageProblem(current, currentInfo);
+        if (!passage.isEmpty())
+            return passage;
         if (S_ISLNK(nextInfo.st_mode)) {
             if (++links > kMaxLinks)
                 return QStringLiteral("too many symbolic links on the way to it");
@@ -185,22 +206,13 @@ QString walk(const QString& path, QByteArray* real, struct stat* info, struct st
                 return QString::fromLocal8Bit(next) + QStringLiteral(": ") + systemError(errno);
             const QByteArray to(target, int(length));
             pending = components(to) + pending;
-            if (to.startsWith('/')) {
+            if (to.startsWith('/'))
                 current = "/";
-                ::lstat("/", &currentInfo);
-            }
             continue;
-        }
-        if (pending.isEmpty()) {
-            *real = next;
-            *info = nextInfo;
-            *directory = currentInfo;
-            return QString();
         }
         if (!S_ISDIR(nextInfo.st_mode))
             return QString::fromLocal8Bit(next) + QStringLiteral(" on the way to it is not a directory");
         current = next;
-        currentInfo = nextInfo;
     }
 }
 
@@ -210,10 +222,13 @@ int openNoFollow(const QString& path, int flags)
 }
 
 // The mode and owner the module gives what it creates, set on the open object and checked.
-bool setMode(int fd, mode_t mode, const QString& path, QString* error)
+// byName: fd was opened with O_PATH (fchmod does not take those), so the mode is set through the
+// descriptor's name under /proc, which names that very object.
+bool setMode(int fd, mode_t mode, const QString& path, QString* error, bool byName = false)
 {
     struct stat info;
-    if (::fchmod(fd, mode) != 0 || ::fstat(fd, &info) != 0) {
+    const QByteArray name = "/proc/self/fd/" + QByteArray::number(fd);
+    if ((byName ? ::chmod(name.constData(), mode) : ::fchmod(fd, mode)) != 0 || ::fstat(fd, &info) != 0) {
         *error = path + QStringLiteral(": ") + systemError(errno);
         return false;
     }
@@ -223,6 +238,26 @@ bool setMode(int fd, mode_t mode, const QString& path, QString* error)
         return false;
     }
     return true;
+}
+
+// Gives a directory just created mode 0700 and checks it, never through a link.
+bool settleDirectory(const QString& path, QString* error)
+{
+    const QByteArray name = QFile::encodeName(path);
+    int fd = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    bool byName = false;
+    // A umask that took the owner's own bits away leaves a directory it cannot open for reading.
+    if (fd < 0 && errno == EACCES) {
+        fd = ::open(name.constData(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        byName = true;
+    }
+    if (fd < 0) {
+        *error = path + QStringLiteral(": ") + systemError(errno);
+        return false;
+    }
+    const bool set = setMode(fd, 0700, path, error, byName);
+    ::close(fd);
+    return set;
 }
 
 bool writeAll(int fd, const char* data, qint64 length)
@@ -313,8 +348,9 @@ QString fileTrustProblem(const QString& path)
 {
     QByteArray real;
     struct stat info;
+    QByteArray dirPath;
     struct stat directory;
-    const QString way = walk(path, &real, &info, &directory);
+    const QString way = walk(path, &real, &info, &dirPath, &directory);
     if (!way.isEmpty())
         return way;
     // Named where it really lives when links lead elsewhere.
@@ -328,7 +364,7 @@ QString fileTrustProblem(const QString& path)
         return QStringLiteral("the file is ") + ownerText(info.st_uid) + where;
     if (info.st_mode & (S_IWGRP | S_IWOTH))
         return QStringLiteral("the file is writable by %1 (mode %2)").arg(writers(info.st_mode), modeText(info.st_mode)) + where;
-    const QString dir = QFile::decodeName(real.left(std::max(1, int(real.lastIndexOf('/')))));
+    const QString dir = QFile::decodeName(dirPath);
     if (!trustedOwner(directory.st_uid))
         return QStringLiteral("its directory ") + dir + QStringLiteral(" is ") + ownerText(directory.st_uid);
     if (directory.st_mode & (S_IWGRP | S_IWOTH))
@@ -346,8 +382,9 @@ QString directoryTrustProblem(const QString& path)
         return QStringLiteral("it is a symbolic link, not a real directory");
     QByteArray real;
     struct stat info;
-    struct stat parent;
-    const QString way = walk(path, &real, &info, &parent);
+    QByteArray parent;
+    struct stat parentInfo;
+    const QString way = walk(path, &real, &info, &parent, &parentInfo);
     if (!way.isEmpty())
         return way;
     if (!S_ISDIR(info.st_mode))
@@ -356,7 +393,7 @@ QString directoryTrustProblem(const QString& path)
         return QStringLiteral("it is owned by uid %1, not by this process's user (uid %2)").arg(info.st_uid).arg(::geteuid());
     if (info.st_mode & (S_IWGRP | S_IWOTH))
         return QStringLiteral("it is writable by %1 (mode %2)").arg(writers(info.st_mode), modeText(info.st_mode));
-    return QString();
+    return real == "/" ? QString() : passageProblem(parent, parentInfo);
 }
 
 bool makeDirectory(const QString& path, QString* error)
@@ -375,14 +412,7 @@ bool makeDirectory(const QString& path, QString* error)
             *error = prefix + QStringLiteral(": ") + systemError(mkdirError == EEXIST ? ENOTDIR : mkdirError);
             return false;
         }
-        const int fd = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0) {
-            *error = prefix + QStringLiteral(": ") + systemError(errno);
-            return false;
-        }
-        const bool set = setMode(fd, 0700, prefix, error);
-        ::close(fd);
-        if (!set)
+        if (!settleDirectory(prefix, error))
             return false;
     }
     return true;
@@ -396,13 +426,7 @@ QString makePrivateDirectory(const QString& pattern, QString* error)
         return QString();
     }
     const QString path = QFile::decodeName(name);
-    const int fd = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    const bool set = fd >= 0 && setMode(fd, 0700, path, error);
-    if (fd < 0)
-        *error = path + QStringLiteral(": ") + systemError(errno);
-    if (fd >= 0)
-        ::close(fd);
-    if (!set) {
+    if (!settleDirectory(path, error)) {
         ::rmdir(name.constData());
         return QString();
     }
