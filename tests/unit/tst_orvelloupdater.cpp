@@ -37,11 +37,15 @@ public:
         : m_worker(QVariantHash(), QStringLiteral("tst_orvelloupdater"))
         , m_node(CMValueNode::create(m_worker.nodes(), VraxOrvelloSdkVersion(), nullptr))
     {
+        set(version);
+    }
+    ~VersionNode() { delete m_node; }
+    void set(const QString& version)
+    {
         VraxValue value;
         value.setString_(version);
         m_node->setValue(value);
     }
-    ~VersionNode() { delete m_node; }
 
 private:
     CMNodesWorker m_worker;
@@ -67,6 +71,8 @@ private Q_SLOTS:
     void verify_data();
     void verify();
     void oneDownloadAtATime();
+    void oneDownloadPerOffer_data();
+    void oneDownloadPerOffer();
 
 private:
     // Starts the service offering `offered`, a platform pointing at it and the version node.
@@ -355,6 +361,52 @@ void tst_OrvelloUpdater::oneDownloadAtATime()
     QCOMPARE(downloads, 1);
     QCOMPARE(fileBytes(kDest), m_library);
     QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL).size(), 1);
+}
+
+
+void tst_OrvelloUpdater::oneDownloadPerOffer_data()
+{
+    QTest::addColumn<QString>("situation");
+    QTest::addColumn<QString>("line"); // what the check says instead of handing over a download
+    QTest::newRow("verified and waiting for the song end")
+        << "waiting" << "DEBUG Version 1.1.0 is downloaded and verified already and waits to be installed at the end of "
+                        "the song; not downloading it again";
+    QTest::newRow("swapped in while it downloaded")
+        << "swap" << "INFO Version 1.1.0 finished downloading, but version 1.1.0 runs now; the download is dropped";
+}
+
+// An offer is downloaded once: not again while its verified file waits for the song end, and a
+// download that lands after the swap brought its version is dropped rather than swapped in twice.
+void tst_OrvelloUpdater::oneDownloadPerOffer()
+{
+    QFETCH(QString, situation);
+    QFETCH(QString, line);
+    const bool waiting = situation == QLatin1String("waiting");
+    if (waiting) {
+        QString error;
+        QVERIFY(writeBytes(kDest, m_library));
+        QVERIFY(LibraryFiles::writeRecord(kRecord, {"1.1.0", sha256Hex(m_library), QString()}, &error));
+    }
+    setUp("1.0.0", "1.1.0", waiting ? QStringList() : QStringList{"library-delay=1500"});
+    OrvelloUpdater updater;
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+    if (!waiting) {
+        QTRY_VERIFY_WITH_TIMEOUT(updater.downloadRunning(), 5000);
+        m_version->set("1.1.0"); // the swap, as the host publishes the new library's version
+    }
+    const log4cplus::LogLevel level = waiting ? log4cplus::DEBUG_LOG_LEVEL : log4cplus::INFO_LOG_LEVEL;
+    const QString text = line.section(QLatin1Char(' '), 1);
+    QTRY_VERIFY_WITH_TIMEOUT(m_log->contains(level, text), 10000);
+    QCOMPARE(finished.count(), 0);
+    int downloads = 0;
+    for (const QJsonValue& request : m_service->requests())
+        downloads += request.toObject().value("path").toString().startsWith("/files/");
+    QCOMPARE(downloads, waiting ? 0 : 1);
+    // What waited stays for its install; what was dropped leaves nothing to install.
+    QCOMPARE(QFile::exists(kDest), waiting);
+    QCOMPARE(QFile::exists(kRecord), waiting);
+    QVERIFY(!QFile::exists(kTmp));
+    QVERIFY2(m_log->messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty(), qPrintable(m_log->dump()));
 }
 
 QTEST_GUILESS_MAIN(tst_OrvelloUpdater)
