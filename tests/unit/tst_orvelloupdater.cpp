@@ -260,9 +260,7 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
 {
     QFETCH(bool, staleIsTheOfferedLibrary);
     const QByteArray stale = staleIsTheOfferedLibrary ? m_library : QByteArray("an older download");
-    QVERIFY(writeBytes(kDest, stale));
-    QString error;
-    QVERIFY(LibraryFiles::writeRecord(kRecord, {"1.0.5", sha256Hex(stale), QString()}, &error)); // verified by an earlier check
+    QVERIFY(writeBytes(kDest, stale)); // left by a download that did not verify
     setUp("1.0.0", "1.1.0");
     OrvelloUpdater updater;
     QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
@@ -371,21 +369,27 @@ void tst_OrvelloUpdater::oneDownloadPerOffer_data()
     QTest::newRow("verified and waiting for the song end")
         << "waiting" << "DEBUG Version 1.1.0 is downloaded and verified already and waits to be installed at the end of "
                         "the song; not downloading it again";
+    QTest::newRow("another version waiting for the song end")
+        << "other" << "DEBUG Version 1.0.5 is downloaded and verified already and waits to be installed at the end of "
+                      "the song; version 1.1.0 is downloaded once it is in";
     QTest::newRow("swapped in while it downloaded")
         << "swap" << "INFO Version 1.1.0 finished downloading, but version 1.1.0 runs now; the download is dropped";
 }
 
-// An offer is downloaded once: not again while its verified file waits for the song end, and a
-// download that lands after the swap brought its version is dropped rather than swapped in twice.
+// An offer is downloaded once, one swap at a time: not while a verified file (this one or
+// another) waits for the song end, and a download that lands after the swap brought its version
+// is dropped rather than swapped in twice.
 void tst_OrvelloUpdater::oneDownloadPerOffer()
 {
     QFETCH(QString, situation);
     QFETCH(QString, line);
-    const bool waiting = situation == QLatin1String("waiting");
+    const bool waiting = situation != QLatin1String("swap");
     if (waiting) {
         QString error;
-        QVERIFY(writeBytes(kDest, m_library));
-        QVERIFY(LibraryFiles::writeRecord(kRecord, {"1.1.0", sha256Hex(m_library), QString()}, &error));
+        const QByteArray file = situation == QLatin1String("other") ? QByteArray("library 1.0.5") : m_library;
+        QVERIFY(writeBytes(kDest, file));
+        QVERIFY(LibraryFiles::writeRecord(kRecord, {situation == QLatin1String("other") ? "1.0.5" : "1.1.0", sha256Hex(file), QString()},
+                                          &error));
     }
     setUp("1.0.0", "1.1.0", waiting ? QStringList() : QStringList{"library-delay=1500"});
     OrvelloUpdater updater;

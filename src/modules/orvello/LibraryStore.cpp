@@ -321,16 +321,30 @@ bool LibraryStore::wantsDownload(const QString& version, const QString& checksum
         LOG4CPLUS_INFO(logger, refusal << (obsolete ? "; not downloading it" : ""));
         return false;
     }
-    if (downloadWaiting() && scratchProblem().isEmpty()) {
-        const VerifiedDownload waiting = LibraryFiles::readRecord(recordPath());
-        if (waiting.version == version && waiting.checksum == checksum) {
+    // One swap at a time: a download would not replace the file waiting (see publishDownload).
+    VerifiedDownload waiting;
+    if (installableWaiting(&waiting)) {
+        if (waiting.version == version && waiting.checksum == checksum)
             LOG4CPLUS_DEBUG(logger, "Version " << version
                                                << " is downloaded and verified already and waits to be installed at "
                                                   "the end of the song; not downloading it again");
-            return false;
-        }
+        else
+            LOG4CPLUS_DEBUG(logger, "Version " << waiting.version
+                                               << " is downloaded and verified already and waits to be installed at "
+                                                  "the end of the song; version "
+                                               << version << " is downloaded once it is in");
+        return false;
     }
     return true;
+}
+
+bool LibraryStore::installableWaiting(VerifiedDownload* waiting)
+{
+    if (!isRegularFile(downloadPath()) || !scratchProblem().isEmpty())
+        return false;
+    *waiting = LibraryFiles::readRecord(recordPath());
+    bool obsolete = false;
+    return !waiting->isEmpty() && mayInstall(*waiting, &obsolete).isEmpty();
 }
 
 int LibraryStore::createDownloadFile(QString* error)

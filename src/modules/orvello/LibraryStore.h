@@ -71,8 +71,8 @@ public:
 
     // ---- the updater ----
     // Whether the check should download the offered file: not when it would not be installed
-    // (see mayInstall; logged at INFO) or when a verified download of that version and checksum
-    // already waits to be installed (DEBUG).
+    // (see mayInstall; logged at INFO), nor while a verified download waits to be installed, be
+    // it this one or another (DEBUG): one swap at a time.
     bool wantsDownload(const QString& version, const QString& checksum);
     // Creates downloadTempPath() anew (an earlier one removed), exclusively, mode 0600, in a
     // trusted scratch directory: a writable descriptor the caller closes, or -1 with the reason.
@@ -102,6 +102,8 @@ private:
     // (it is the file that runs, or its version does not sort after the running one).
     QString mayInstall(const VerifiedDownload& download, bool* obsolete);
     QString runningChecksum();
+    // A verified download waits and may be installed; nothing is logged.
+    bool installableWaiting(VerifiedDownload* waiting);
     // Puts the previous copy back in the installed copy's place, or removes the installed copy
     // when there is none, and records the failed copy's checksum as rejected.
     bool rollBack(QString* error);
