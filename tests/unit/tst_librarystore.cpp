@@ -441,6 +441,7 @@ void TestLibraryStore::records_data()
     QTest::addColumn<bool>("valid");
     const QByteArray sum = sha256Hex("x").toLatin1();
     QTest::newRow("written by the updater") << LibraryFiles::recordText({"1.1.0", QString::fromLatin1(sum), "c2ln"}) << true;
+    QTest::newRow("a 100,000-character version") << LibraryFiles::recordText({QString(100000, '9'), QString::fromLatin1(sum), ""}) << true;
     QTest::newRow("without a signature") << "{\"version\":\"1.1.0\",\"checksum\":\"" + sum + "\"}" << true;
     QTest::newRow("uppercase checksum") << "{\"version\":\"1.1.0\",\"checksum\":\"" + sum.toUpper() + "\"}" << false;
     QTest::newRow("short checksum") << "{\"version\":\"1.1.0\",\"checksum\":\"" + sum.left(63) + "\"}" << false;
@@ -448,7 +449,7 @@ void TestLibraryStore::records_data()
     QTest::newRow("signature not text") << "{\"version\":\"1\",\"checksum\":\"" + sum + "\",\"signature\":7}" << false;
     QTest::newRow("an array") << "[\"1.1.0\",\"" + sum + "\"]" << false;
     QTest::newRow("not JSON") << QByteArray("version=1.1.0") << false;
-    QTest::newRow("longer than 64 KiB") << "{\"version\":\"" + QByteArray(70000, '1') + "\",\"checksum\":\"" + sum + "\"}" << false;
+    QTest::newRow("longer than 1 MiB") << "{\"version\":\"" + QByteArray(1100000, '1') + "\",\"checksum\":\"" + sum + "\"}" << false;
 }
 
 // Only a record the updater could have written passes for one; the signature is carried as it came.

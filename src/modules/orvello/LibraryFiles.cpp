@@ -85,8 +85,9 @@ bool syncDirectoryOf(const QString& path, QString* error)
     return synced;
 }
 
-// Longest record read; a record is a few hundred bytes.
-constexpr qint64 kMaxRecordSize = 65536;
+// Longest record read or written; one is a few hundred bytes, but the version text is the
+// service's.
+constexpr qint64 kMaxRecordSize = 1048576;
 // As the kernel's own limit on links followed in one lookup.
 constexpr int kMaxLinks = 40;
 
@@ -574,6 +575,10 @@ VerifiedDownload parseRecord(const QByteArray& text)
 bool writeRecord(const QString& path, const VerifiedDownload& record, QString* error)
 {
     const QByteArray text = recordText(record);
+    if (text.size() > kMaxRecordSize) {
+        *error = path + QStringLiteral(": a record of %1 bytes would not be read back").arg(text.size());
+        return false;
+    }
     QByteArray temporary = QFile::encodeName(path) + ".XXXXXX";
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) {
@@ -602,7 +607,7 @@ VerifiedDownload readRecord(const QString& path)
     struct stat info;
     QByteArray text;
     if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-        std::vector<char> block(size_t(kMaxRecordSize) + 1, 0);
+        std::vector<char> block(size_t(kCopyBlockSize), 0);
         ssize_t length;
         while (text.size() <= kMaxRecordSize
                && ((length = ::read(fd, block.data(), block.size())) > 0 || (length < 0 && errno == EINTR)))

@@ -85,11 +85,12 @@ bool removeDurably(const QString& path, QString* error);
 // The text of a record: {"version", "checksum", "signature"}, the members of the service's
 // configuration document that the download was verified against.
 QByteArray recordText(const VerifiedDownload& record);
-// The record in text; empty unless text is a JSON object of at most 64 KiB whose "checksum" is
+// The record in text; empty unless text is a JSON object of at most 1 MiB whose "checksum" is
 // 64 lowercase hexadecimal digits, whose "version" is text and whose "signature", when present,
 // is text. What is not a record never passes for one.
 VerifiedDownload parseRecord(const QByteArray& text);
 // Writes the record at path, replacing it atomically (a new file, mode 0600, renamed over it).
+// A record too long for parseRecord is not written.
 bool writeRecord(const QString& path, const VerifiedDownload& record, QString* error);
 // The record at path (a regular file, not followed if it is a link); empty when there is none or
 // it cannot be read or parsed.
