@@ -27,6 +27,9 @@
  *   create-fails-with-handle  create returns 9 but hands out a working instance
  * An unknown mode makes create fail with 22 and a line on standard error. Built with
  * FAKE_NO_SYMBOL it exports no entry table, with FAKE_NO_RUN_ONCE a table without run_once.
+ * Built with FAKE_PLANTED it is another account's library planted where the device might load
+ * it: a working library whose constructor, which runs the moment the file is mapped, appends
+ * "uid=N" (the account it runs as) to the file named by ORVELLO_PLANTED_MARK.
  *
  * Songs are 3 s of audio; request_exit mode 2 ends the loop at the end of the current song, or
  * at once when nothing plays. Pairing succeeds 300 ms after start with the device id
@@ -40,6 +43,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #define EXPORT __attribute__((visibility("default")))
 
@@ -759,3 +763,15 @@ EXPORT const oplayer_api FAKE_TABLE_NAME = {
     fake_metadata_api,
     fake_pairing_api,
 };
+
+#ifdef FAKE_PLANTED
+__attribute__((constructor)) static void fake_planted_code_runs(void)
+{
+    const char* mark = getenv("ORVELLO_PLANTED_MARK");
+    FILE* file = mark ? fopen(mark, "a") : NULL;
+    if (file) {
+        fprintf(file, "uid=%d\n", (int)getuid());
+        fclose(file);
+    }
+}
+#endif

@@ -401,7 +401,8 @@ bool FaultDevice::mountTmpfs(const QString& path, const QString& size)
 {
     QDir().mkpath(path);
     if (!run(QStringLiteral("mount"), {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
-                                       QStringLiteral("size=") + size, QStringLiteral("tmpfs"), path}))
+                                       QStringLiteral("size=") + size + QStringLiteral(",mode=0700"),
+                                       QStringLiteral("tmpfs"), path}))
         return false;
     m_mounts << path;
     return true;

@@ -117,6 +117,7 @@ public:
 
     // Disk
     bool mountReadOnly(const QString& path);
+    // A tmpfs of this size at path, mode 0700 like the directory the module makes there.
     bool mountTmpfs(const QString& path, const QString& size);
     bool resizeTmp(const QString& size);
     // Writes filler into dir until the file system is full; the filler's path.

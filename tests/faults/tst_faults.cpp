@@ -24,12 +24,14 @@
 #include <QTest>
 #include <QTimer>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <functional>
 #include <memory>
 #include <random>
-#include <unistd.h>
 
 namespace {
 
@@ -401,16 +403,33 @@ void tmpOrvelloRemoved(FaultDevice& d)
     d.expectVersion(QStringLiteral("1.0.0"));
 }
 
-// /tmp/orvello not writable at start: the worker stays inert (its page and version node, no
-// pairing action), says why, and nothing crashes.
+// /tmp/orvello not writable at start: the worker says so, takes a private scratch directory,
+// plays and still installs an update.
 void tmpOrvelloReadOnly(FaultDevice& d)
 {
-    Setup setup;
-    setup.waitForAudio = false;
+    Setup setup = offering(QStringLiteral("1.1.0"));
     setup.beforeHost = [&d] { return QDir().mkpath(QStringLiteral("/tmp/orvello")) && d.mountReadOnly(QStringLiteral("/tmp/orvello")); };
     if (!d.start(setup))
         return;
-    d.expectLog(QStringLiteral("ERROR [Orvello] Can not write to /tmp/orvello"), 10000);
+    d.expectLog(QStringLiteral("ERROR [Orvello] Can not write to /tmp/orvello"));
+    d.expectLog(QStringLiteral("ERROR [Orvello] Trying a private scratch directory instead of /tmp/orvello"));
+    d.expectLog(QStringLiteral("WARN  [Orvello] Using the private scratch directory /tmp/orvello-"));
+    d.expectNoLog(QStringLiteral("Can not init OrvelloWorker"));
+    d.expectLog(kUpdated, kUpdateMs);
+    d.expectKeepsPlaying(3000, QStringLiteral("the update through the private directory"));
+}
+
+// No scratch directory at all (/tmp read-only): the worker stays inert (its page and version
+// node, no pairing action), says why, and nothing crashes.
+void tmpReadOnly(FaultDevice& d)
+{
+    Setup setup;
+    setup.waitForAudio = false;
+    setup.beforeHost = [&d] { return d.mountReadOnly(QStringLiteral("/tmp")); };
+    if (!d.start(setup))
+        return;
+    d.expectLog(QStringLiteral("ERROR [Orvello] Can not create directory :/tmp/orvello"), 10000);
+    d.expectLog(QStringLiteral("ERROR [Orvello] Cannot have a private scratch directory either (/tmp/orvello-"));
     d.expectLog(QStringLiteral("ERROR [Orvello] Can not init OrvelloWorker without /tmp/orvello dir"));
     QStringList paths;
     for (const QJsonValue& node : d.rig().get(QStringLiteral("/api/nodes")).body.value(QStringLiteral("nodes")).toArray())
@@ -469,7 +488,8 @@ Scenario signalAtSwap(int signal)
 }
 
 // What a power cut in the middle of copying the new library leaves installed: skipped with its
-// reason, so the system copy plays, or without one the device waits without claiming to play.
+// reason, so the system copy plays, or without one the device claims nothing until the update it
+// is offered brings a library.
 Scenario cutInstalledLibrary(qint64 length, LibraryAt where)
 {
     return [=](FaultDevice& d) {
@@ -484,9 +504,11 @@ Scenario cutInstalledLibrary(qint64 length, LibraryAt where)
             return;
         d.expectLog(QStringLiteral("ERROR [Orvello] Not loading liboplayer at data-rw/orvello/liboplayer-1.so: truncated"), 10000);
         if (where == LibraryAt::Nowhere) {
+            // Paired and without a library: the update the service offers brings one.
             d.expectLog(kNoLibrary, 10000);
-            d.observe(2000);
-            return d.expectState(0);
+            d.expectLog(QStringLiteral("WARN  [Orvello] No player library loads on this paired device"));
+            d.expectPlaying(kUpdateMs, QStringLiteral("the offered library"));
+            return d.expectVersion(QStringLiteral("1.0.0"));
         }
         d.expectVersion(QStringLiteral("1.0.0"));
         d.expectKeepsPlaying(3000, QStringLiteral("the system copy"));
@@ -600,17 +622,21 @@ void twoCodesAtOnce(FaultDevice& d)
     d.expectPlaying(15000, QStringLiteral("two codes"));
 }
 
-// Codes typed while the library is swapped, again and again: a version that never stops being
-// newer swaps at every check, short tracks make the swap come while the pairing (about 1 s) is
+// Codes typed while the library is swapped, again and again: a new version (the other build) is
+// offered for each round, short tracks make the swap come while the pairing (about 1 s) is
 // still under way. Five codes, each right after a swap was requested.
 Scenario codesDuringSwaps(bool badLibrary)
 {
     return [=](FaultDevice& d) {
         Setup setup;
         setup.env = QStringList{QStringLiteral("OPLAYER_REF_TRACK_SECONDS=0.5")};
-        if (!d.start(setup) || !d.offer(QStringLiteral("9.0"), badLibrary ? randomFile(d) : d.binaries().library110))
+        if (!d.start(setup))
             return;
         for (int round = 1; round <= 5 && d.survived(); ++round) {
+            // A file that runs is never swapped in again: each round offers the other build.
+            const QString file = badLibrary ? randomFile(d) : round % 2 ? d.binaries().library110 : d.binaries().library100;
+            if ((round == 1 || !badLibrary) && !d.offer(QStringLiteral("9.%1").arg(round), file))
+                return;
             const int swaps = d.log().filter(kSwapRequested).size();
             if (!d.observeUntil([&] { return d.log().filter(kSwapRequested).size() > swaps; }, 10000))
                 break; // no swap any more, nothing for a code to meet
@@ -684,7 +710,8 @@ Scenario pairingAcrossSwap(bool newLoads)
         Setup setup = misbehavingLibrary(QStringLiteral("pair-never"));
         setup.library = LibraryAt::Installed;
         setup.offer = QStringLiteral("9.9.9");
-        setup.offerFile = newLoads ? QStringLiteral(FAKE_PLAYING) : d.binaries().createFails;
+        // Another build than the one running: a file that runs is never swapped in again.
+        setup.offerFile = newLoads ? QStringLiteral(FAKE_CREATE_FAILS_WITH_HANDLE) : d.binaries().createFails;
         setup.serviceFaults = QStringList{QStringLiteral("library-delay=2500")};
         if (!d.start(setup))
             return;
@@ -751,6 +778,224 @@ void overlappingDownloads(FaultDevice& d)
     d.expectVersion(QStringLiteral("1.1.0"));
 }
 
+// ---- another local account and one update ----------------------------------------------
+// The attacker is another local account (uid 65534, as "nobody"): it can write /tmp and
+// whatever it was given. Its planted library (tests/fakes, FAKE_PLANTED) is a working player
+// library whose constructor appends "uid=N" to a mark file the moment the file is mapped: held
+// means the mark never appears.
+
+constexpr uid_t kOtherAccount = 65534;
+
+QString plantedMark(FaultDevice& d)
+{
+    return d.workDir() + QStringLiteral("/planted-code-ran");
+}
+
+bool giveToOtherAccount(FaultDevice& d, const QStringList& paths)
+{
+    for (const QString& path : paths) {
+        if (::lchown(QFile::encodeName(path).constData(), kOtherAccount, kOtherAccount) != 0) {
+            d.setupError(QStringLiteral("cannot give %1 to uid %2").arg(path).arg(kOtherAccount));
+            return false;
+        }
+    }
+    return true;
+}
+
+void expectPlantedNeverRan(FaultDevice& d)
+{
+    if (QFile::exists(plantedMark(d)))
+        d.fail(QStringLiteral("the planted library's code ran (%1)").arg(QString::fromUtf8(fileBytes(plantedMark(d))).trimmed()));
+}
+
+mode_t modeOf(const QString& path)
+{
+    struct stat info;
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_mode : 0;
+}
+
+// The account squats /tmp/orvello before the device starts: its library, a verification record
+// naming it, and the download's temporary name as a link to a file only root may write. Held:
+// the planted code never ran, nothing was written through the link or into the squatted
+// directory, the music went on, and the genuine update still arrived and was swapped in.
+void squattedScratchDirectory(FaultDevice& d)
+{
+    const QString victim = d.workDir() + QStringLiteral("/root-only");
+    const QByteArray victimBytes("root's own file\n");
+    const QString planted = QStringLiteral(FAKE_PLANTED);
+    Setup setup = offering(QStringLiteral("1.1.0"));
+    setup.env = QStringList{QStringLiteral("ORVELLO_PLANTED_MARK=") + plantedMark(d)};
+    setup.beforeHost = [&] {
+        const QByteArray record = "{\"version\":\"9.9.9\",\"checksum\":\"" + sha256Hex(fileBytes(planted)).toLatin1()
+                                  + "\",\"signature\":\"\"}\n";
+        return writeBytes(victim, victimBytes) && ::chmod(qPrintable(victim), 0600) == 0
+               && ::mkdir("/tmp/orvello", 0755) == 0 && QFile::copy(planted, QStringLiteral("/tmp/orvello/liboplayer-1.so"))
+               && writeBytes(QStringLiteral("/tmp/orvello/liboplayer-1.so.verified"), record)
+               && ::symlink(qPrintable(victim), "/tmp/orvello/liboplayer-1.so.tmp") == 0
+               && giveToOtherAccount(d, {"/tmp/orvello", "/tmp/orvello/liboplayer-1.so", "/tmp/orvello/liboplayer-1.so.verified",
+                                         "/tmp/orvello/liboplayer-1.so.tmp"});
+    };
+    if (!d.start(setup))
+        return;
+    d.expectLog(QStringLiteral("ERROR [Orvello] Not using /tmp/orvello: it is owned by uid 65534, not by this process's user"));
+    d.expectLog(QStringLiteral("WARN  [Orvello] Using the private scratch directory /tmp/orvello-"));
+    d.expectLog(kUpdated, kUpdateMs);
+    d.expectKeepsPlaying(3000, QStringLiteral("the genuine update"));
+    d.expectVersion(QStringLiteral("1.1.0"));
+    expectInstalled(d, d.binaries().library110);
+    d.expectCleanExit();
+    expectPlantedNeverRan(d);
+    if (fileBytes(victim) != victimBytes || (modeOf(victim) & 07777) != 0600)
+        d.fail(QStringLiteral("the root-only file was written through the planted link"));
+    if (fileBytes(QStringLiteral("/tmp/orvello/liboplayer-1.so")) != fileBytes(planted)
+        || !QFileInfo(QStringLiteral("/tmp/orvello/liboplayer-1.so.tmp")).isSymLink())
+        d.fail(QStringLiteral("the module changed the squatted directory"));
+}
+
+// The account can write the top of the developer tree (the working directory's neighbourhood is
+// world-writable) and plants its library where the search list's last entry points; no other
+// copy exists. Held: the planted code never ran, the ERROR line names the path and why, the
+// device goes on searching, and the genuine update brings the music.
+void plantedInOpenDeveloperTree(FaultDevice& d)
+{
+    Setup setup = offering(QStringLiteral("1.1.0"));
+    setup.library = LibraryAt::Nowhere;
+    setup.waitForAudio = false;
+    setup.env = QStringList{QStringLiteral("ORVELLO_PLANTED_MARK=") + plantedMark(d)};
+    const QString tree = QDir(d.workDir()).canonicalPath() + QStringLiteral("/build");
+    setup.beforeHost = [&] {
+        const QString library = d.rig().devTreeLibraryPath();
+        return QDir().mkpath(QFileInfo(library).path()) && ::chmod(qPrintable(tree), 0777) == 0
+               && QFile::copy(QStringLiteral(FAKE_PLANTED), library) && giveToOtherAccount(d, {library});
+    };
+    if (!d.start(setup))
+        return;
+    d.expectLog(QStringLiteral("ERROR [Orvello] Not loading liboplayer at ../../build/Hollowkit-blobs-links/Orvello/lib/"
+                               "linux_x86_64/liboplayer-1.so: ")
+                    + tree + QStringLiteral(" on the way to it is writable by its group and others (mode 0777) without the sticky bit; "
+                                            "trying the next path"),
+                5000);
+    d.expectLog(QStringLiteral("WARN  [Orvello] No player library is running; searching the library list again in 1 s"));
+    d.expectLog(kUpdated, kUpdateMs);
+    d.expectPlaying(10000, QStringLiteral("the genuine update"));
+    d.expectVersion(QStringLiteral("1.1.0"));
+    d.expectCleanExit();
+    expectPlantedNeverRan(d);
+}
+
+// The host started under umask 000 and an update installed: nothing the module created can be
+// written by group or others (the audio socket is the pipeline's, not the module's).
+void createdUnderUmask000(FaultDevice& d)
+{
+    const mode_t previous = ::umask(0);
+    const bool started = d.start(offering(QStringLiteral("1.1.0")));
+    ::umask(previous);
+    if (!started)
+        return;
+    d.expectLog(kUpdated, kUpdateMs);
+    d.expectKeepsPlaying(2000, QStringLiteral("the update"));
+    const QString dataRw = d.dataDir() + QStringLiteral("/data-rw");
+    QStringList made{QStringLiteral("/tmp/orvello"), dataRw, dataRw + QStringLiteral("/orvello")};
+    for (const QString& dir : {QStringLiteral("/tmp/orvello"), dataRw + QStringLiteral("/orvello")})
+        for (const QString& name : QDir(dir).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System))
+            if (name != QLatin1String("smt2socketaddress"))
+                made << dir + QLatin1Char('/') + name;
+    if (!made.contains(dataRw + QStringLiteral("/orvello/liboplayer-1.so")))
+        d.fail(QStringLiteral("no library was installed"));
+    for (const QString& path : made) {
+        const mode_t mode = modeOf(path);
+        if ((mode & (S_IWGRP | S_IWOTH)) || (S_ISDIR(mode) && (mode & 07777) != 0700))
+            d.fail(QStringLiteral("%1 has mode %2").arg(path, QString::number(mode & 07777, 8)));
+    }
+}
+
+// A 12 MiB library offered with a check every second: it is downloaded once and swapped in once,
+// counted from the service's own request log.
+void oneDownloadOneSwap(FaultDevice& d)
+{
+    // The loader ignores what follows the section headers.
+    QByteArray library = fileBytes(d.binaries().library110);
+    library.append(QByteArray(12 * 1024 * 1024 - library.size(), '\0'));
+    Setup setup = offering(QStringLiteral("1.1.0"));
+    setup.offerFile = d.workDir() + QStringLiteral("/big.so");
+    if (!writeBytes(setup.offerFile, library))
+        return d.setupError(QStringLiteral("cannot write the 12 MiB library"));
+    if (!d.start(setup))
+        return;
+    d.expectLog(kUpdated, kUpdateMs);
+    d.expectKeepsPlaying(6000, QStringLiteral("six checks after the swap"));
+    d.expectVersion(QStringLiteral("1.1.0"));
+    int downloads = 0;
+    for (const QJsonValue& request : d.rig().serviceRequests())
+        downloads += request.toObject().value(QStringLiteral("path")).toString().startsWith(QStringLiteral("/files/"));
+    if (downloads != 1)
+        d.fail(QStringLiteral("the service sent the library %1 times").arg(downloads));
+    d.expectLogAtMost(kSwapped, 1);
+    d.expectLogAtMost(kUpdated, 1);
+}
+
+// A paired device with no library anywhere at start. Without an offer, the service answers 404:
+// any version it offered would sort after the empty one of a device without a library.
+Setup pairedWithoutLibrary(const QString& offer = QString())
+{
+    Setup setup = offer.isEmpty() ? offering(QStringLiteral("1.0.0"), {QStringLiteral("config-status=404")}) : offering(offer);
+    setup.library = LibraryAt::Nowhere;
+    setup.waitForAudio = false;
+    return setup;
+}
+
+bool placeDeveloperCopy(FaultDevice& d)
+{
+    const QString path = d.rig().devTreeLibraryPath();
+    if (QDir().mkpath(QFileInfo(path).path()) && QFile::copy(d.binaries().library100, path))
+        return true;
+    d.setupError(QStringLiteral("cannot copy the library to %1").arg(path));
+    return false;
+}
+
+// The library appears 5 s after the start (a partition mounted late): the music starts by itself.
+void healsWhenTheLibraryAppears(FaultDevice& d)
+{
+    if (!d.start(pairedWithoutLibrary()))
+        return;
+    d.expectLog(kNoLibrary, 5000);
+    d.expectLog(QStringLiteral("WARN  [Orvello] No player library loads on this paired device"));
+    d.observe(5000);
+    d.expectState(0);
+    if (!placeDeveloperCopy(d))
+        return;
+    d.expectPlaying(15000, QStringLiteral("the library appearing"));
+    d.expectState(2);
+    d.expectVersion(QStringLiteral("1.0.0"));
+}
+
+// No library anywhere, a genuine update offered: it arrives, is installed and plays.
+void healsByUpdate(FaultDevice& d)
+{
+    if (!d.start(pairedWithoutLibrary(QStringLiteral("1.1.0"))))
+        return;
+    d.expectLog(kUpdated, kUpdateMs);
+    d.expectPlaying(10000, QStringLiteral("the update"));
+    d.expectState(2);
+    d.expectVersion(QStringLiteral("1.1.0"));
+    expectInstalled(d, d.binaries().library110);
+}
+
+// A code typed while the device searches is answered once with the reason; once a library
+// appeared and plays, a code pairs.
+void codeWhileSearching(FaultDevice& d)
+{
+    if (!d.start(pairedWithoutLibrary()))
+        return;
+    d.expectLog(QStringLiteral("Searching the library list again (attempt 1)"), 5000);
+    expectAnswer(d, d.pair(kValidCode), QStringLiteral("a code while no library loads"), QStringLiteral("Failed to load library"));
+    if (!placeDeveloperCopy(d))
+        return;
+    d.expectPlaying(15000, QStringLiteral("the library appearing"));
+    expectAnswer(d, d.pair(kValidCode), QStringLiteral("a code once a library plays"));
+    d.expectKeepsPlaying(3000, QStringLiteral("the pairing"));
+}
+
 QString notElf(FaultDevice& d)
 {
     return randomFile(d);
@@ -811,7 +1056,8 @@ const std::vector<Fault> kFaults = {
     {"settings-read-only", "the settings file mounted read-only, then a pairing", "the pairing plays; an ERROR line says the token could not be saved", settingsReadOnly, nullptr, AlsoAsan},
     {"settings-not-json", "the settings file cut in half, then a start", "vrax-host refuses to start with status 1 and a message naming the file", settingsNotJson, nullptr, AlsoAsan},
     {"settings-wrong-types", "outputSampleRate a string, then a start", "no crash: the log says the library refused the format, state stays 0", settingsWrongTypes, nullptr, AlsoAsan},
-    {"tmp-orvello-read-only", "/tmp/orvello mounted read-only before the start", "no crash: logs why it cannot start, publishes the page and version node only, state 0", tmpOrvelloReadOnly, nullptr, AlsoAsan},
+    {"tmp-orvello-read-only", "/tmp/orvello mounted read-only before the start", "says why, uses a private scratch directory, plays and installs an update", tmpOrvelloReadOnly, nullptr, AlsoAsan},
+    {"tmp-read-only", "/tmp mounted read-only before the start", "no crash: logs why it cannot start, publishes the page and version node only, state 0", tmpReadOnly, nullptr, AlsoAsan},
     {"tmp-orvello-removed", "/tmp/orvello removed while playing, then an update", "plays on at 1.0.0 and logs that it cannot write the download", tmpOrvelloRemoved, nullptr, AlsoAsan},
 
     // Power and process.
@@ -820,7 +1066,7 @@ const std::vector<Fault> kFaults = {
     {"sigkill-pending-install", "SIGKILL between a verified download and its swap, then a restart", "the restart installs the verified file and plays 1.1.0", signalAtSwap(SIGKILL), nullptr, AlsoAsan},
     {"power-cut-half-installed", "the installed library is the first half of 1.1.0 (system copy present)", "says it is truncated, starts and plays the system copy 1.0.0", cutInstalledLibrary(-1, LibraryAt::SystemCopy), nullptr, AlsoAsan},
     {"power-cut-header-installed", "the installed library is the first 4 KiB of 1.1.0 (system copy present)", "says it is truncated, starts and plays the system copy 1.0.0", cutInstalledLibrary(4096, LibraryAt::SystemCopy), nullptr, AlsoAsan},
-    {"power-cut-installed-only", "the installed library is the first 2000 bytes of 1.1.0, no other copy", "no crash: says it is truncated and that no library loads, state stays 0", cutInstalledLibrary(2000, LibraryAt::Nowhere), nullptr, AlsoAsan},
+    {"power-cut-installed-only", "the installed library is the first 2000 bytes of 1.1.0, no other copy", "no crash: says it is truncated and that no library loads, then plays the 1.0.0 the service offers", cutInstalledLibrary(2000, LibraryAt::Nowhere), nullptr, AlsoAsan},
     {"sigterm-mid-download", "SIGTERM halfway through a download, then a restart", "vrax-host ends with 0; the restart plays and updates", termMidDownload, nullptr, AlsoAsan},
     {"sigterm-at-swap", "SIGTERM when the swap is requested, then a restart", "vrax-host ends with 0; the restart plays 1.1.0", signalAtSwap(SIGTERM), nullptr, AlsoAsan},
     {"sigstop-5s", "vrax-host stopped (SIGSTOP) for 5 s", "audio again within 5 s of SIGCONT", hostFrozen, nullptr, AlsoAsan},
@@ -853,6 +1099,17 @@ const std::vector<Fault> kFaults = {
     {"library-pairing-slow-run-once", "a code on an unpaired device whose library's turns block 200 ms", "paired and playing", pairingWithLibrary("slow-run-once", QString(), {}), nullptr, AlsoAsan},
     {"code-across-failed-swap", "a code the library never answers, then a swap to a library whose create fails (only the installed copy)", "the code gets the interruption error, the old library is put back and plays, no crash", pairingAcrossSwap(false), nullptr, AlsoAsan},
     {"code-across-swap", "a code the library never answers, then a swap to a library that loads", "the code gets the interruption error, the new library plays, no crash", pairingAcrossSwap(true), nullptr, AlsoAsan},
+    // Another local account (uid 65534) plants its library where the device looks; held means its
+    // code never ran (its constructor leaves a mark), nothing was written through a link, the music went on.
+    {"squatted-tmp-orvello", "another account's /tmp/orvello with its library, a record naming it and a .tmp link to a root-only file", "planted code never ran, root-only file unchanged, plays on, the genuine update still swaps in", squattedScratchDirectory, nullptr, AlsoAsan},
+    {"planted-in-open-developer-tree", "another account's library in a developer tree others can write, no other copy", "planted code never ran, the ERROR line names the path and why, the genuine update brings the music", plantedInOpenDeveloperTree, nullptr, AlsoAsan},
+    {"umask-000", "vrax-host started under umask 000, an update installed", "nothing the module created is writable by group or others", createdUnderUmask000, nullptr, AlsoAsan},
+
+    // One update, once; a device that heals itself.
+    {"one-download-one-swap", "a 12 MiB library offered with a check every second", "the service sends it once and it is swapped in once", oneDownloadOneSwap, nullptr, AlsoAsan},
+    {"paired-library-appears-late", "a paired device with no library at start, the developer copy appearing after 5 s", "the music starts by itself, state 0 before", healsWhenTheLibraryAppears, nullptr, AlsoAsan},
+    {"paired-library-by-update", "a paired device with no library at start, 1.1.0 offered", "the update arrives, is installed and plays", healsByUpdate, nullptr, AlsoAsan},
+    {"code-while-searching", "a pairing code while a paired device without a library searches, then the library appears", "the code is answered \"Failed to load library\", the music starts, a later code pairs", codeWhileSearching, nullptr, AlsoAsan},
     {"overlapping-downloads", "a library download that stalls 4 s, with a check every second", "one download at a time: the file verifies and 1.1.0 plays", overlappingDownloads, nullptr, AlsoAsan},
 };
 // clang-format on

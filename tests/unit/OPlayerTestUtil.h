@@ -2,6 +2,7 @@
 
 // Helpers shared by the player library host's tests.
 #include "LibraryFiles.h"
+#include "LibraryStore.h"
 #include "OPlayerLib.h"
 #include "OrvelloUpdater.h"
 
@@ -34,8 +35,8 @@ inline bool placeVerifiedDownload(const QString& library, const QString& version
 {
     QString error;
     return placeLibrary(library, kDownloadPath)
-        && LibraryFiles::writeRecord(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD), version,
-                                     LibraryFiles::sha256Hex(library), &error);
+        && LibraryFiles::writeRecord(LibraryStore().recordPath(), {version, LibraryFiles::sha256Hex(library), QString()},
+                                     &error);
 }
 
 // A symbol of a library the process has already loaded from path, or null.

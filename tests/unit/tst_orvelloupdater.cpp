@@ -5,6 +5,7 @@
 #include "TestPlatform.h"
 
 #include "LibraryFiles.h"
+#include "LibraryStore.h"
 #include "OrvelloUpdater.h"
 
 #include "model/cmnode.h"
@@ -26,7 +27,7 @@
 namespace {
 const QString kDest = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
 const QString kTmp = kDest + QStringLiteral(".tmp");
-const QString kRecord = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD);
+const QString kRecord = LibraryStore().recordPath();
 
 // The library version the device runs, as the worker publishes it.
 class VersionNode
@@ -36,11 +37,15 @@ public:
         : m_worker(QVariantHash(), QStringLiteral("tst_orvelloupdater"))
         , m_node(CMValueNode::create(m_worker.nodes(), VraxOrvelloSdkVersion(), nullptr))
     {
+        set(version);
+    }
+    ~VersionNode() { delete m_node; }
+    void set(const QString& version)
+    {
         VraxValue value;
         value.setString_(version);
         m_node->setValue(value);
     }
-    ~VersionNode() { delete m_node; }
 
 private:
     CMNodesWorker m_worker;
@@ -66,6 +71,8 @@ private Q_SLOTS:
     void verify_data();
     void verify();
     void oneDownloadAtATime();
+    void oneDownloadPerOffer_data();
+    void oneDownloadPerOffer();
 
 private:
     // Starts the service offering `offered`, a platform pointing at it and the version node.
@@ -127,9 +134,9 @@ void tst_OrvelloUpdater::newerVersionIsInstalledForUse()
 
     QCOMPARE(fileBytes(kDest), m_library);
     QVERIFY(!QFile::exists(kTmp));
-    const VraxOrvelloVersionInfo record = LibraryFiles::readRecord(kRecord);
-    QCOMPARE(record.version(), QStringLiteral("1.1.0"));
-    QCOMPARE(record.checksum(), sha256Hex(m_library));
+    const VerifiedDownload record = LibraryFiles::readRecord(kRecord);
+    QCOMPARE(record.version, QStringLiteral("1.1.0"));
+    QCOMPARE(record.checksum, sha256Hex(m_library));
     const QString configUrl = m_service->url("/config.json");
     const QString link = m_service->url("/files/liboplayer-1.so");
     const QStringList info = orvelloLines(log4cplus::INFO_LOG_LEVEL);
@@ -253,9 +260,7 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
 {
     QFETCH(bool, staleIsTheOfferedLibrary);
     const QByteArray stale = staleIsTheOfferedLibrary ? m_library : QByteArray("an older download");
-    QVERIFY(writeBytes(kDest, stale));
-    QString error;
-    QVERIFY(LibraryFiles::writeRecord(kRecord, "1.0.5", sha256Hex(stale), &error)); // verified by an earlier check
+    QVERIFY(writeBytes(kDest, stale)); // left by a download that did not verify
     setUp("1.0.0", "1.1.0");
     OrvelloUpdater updater;
     QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
@@ -268,7 +273,7 @@ void tst_OrvelloUpdater::staleDestinationIsWhatGetsVerified()
     QVERIFY(!QFile::exists(kTmp));
     QCOMPARE(m_service->requests().size(), 2);
     // The record follows the last verification: gone when it failed.
-    QCOMPARE(LibraryFiles::readRecord(kRecord).version(), staleIsTheOfferedLibrary ? "1.1.0" : QString());
+    QCOMPARE(LibraryFiles::readRecord(kRecord).version, staleIsTheOfferedLibrary ? "1.1.0" : QString());
 }
 
 void tst_OrvelloUpdater::neverRequests_data()
@@ -354,6 +359,58 @@ void tst_OrvelloUpdater::oneDownloadAtATime()
     QCOMPARE(downloads, 1);
     QCOMPARE(fileBytes(kDest), m_library);
     QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL).size(), 1);
+}
+
+
+void tst_OrvelloUpdater::oneDownloadPerOffer_data()
+{
+    QTest::addColumn<QString>("situation");
+    QTest::addColumn<QString>("line"); // what the check says instead of handing over a download
+    QTest::newRow("verified and waiting for the song end")
+        << "waiting" << "DEBUG Version 1.1.0 is downloaded and verified already and waits to be installed at the end of "
+                        "the song; not downloading it again";
+    QTest::newRow("another version waiting for the song end")
+        << "other" << "DEBUG Version 1.0.5 is downloaded and verified already and waits to be installed at the end of "
+                      "the song; version 1.1.0 is downloaded once it is in";
+    QTest::newRow("swapped in while it downloaded")
+        << "swap" << "INFO Version 1.1.0 finished downloading, but version 1.1.0 runs now; the download is dropped";
+}
+
+// An offer is downloaded once, one swap at a time: not while a verified file (this one or
+// another) waits for the song end, and a download that lands after the swap brought its version
+// is dropped rather than swapped in twice.
+void tst_OrvelloUpdater::oneDownloadPerOffer()
+{
+    QFETCH(QString, situation);
+    QFETCH(QString, line);
+    const bool waiting = situation != QLatin1String("swap");
+    if (waiting) {
+        QString error;
+        const QByteArray file = situation == QLatin1String("other") ? QByteArray("library 1.0.5") : m_library;
+        QVERIFY(writeBytes(kDest, file));
+        QVERIFY(LibraryFiles::writeRecord(kRecord, {situation == QLatin1String("other") ? "1.0.5" : "1.1.0", sha256Hex(file), QString()},
+                                          &error));
+    }
+    setUp("1.0.0", "1.1.0", waiting ? QStringList() : QStringList{"library-delay=1500"});
+    OrvelloUpdater updater;
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+    if (!waiting) {
+        QTRY_VERIFY_WITH_TIMEOUT(updater.downloadRunning(), 5000);
+        m_version->set("1.1.0"); // the swap, as the host publishes the new library's version
+    }
+    const log4cplus::LogLevel level = waiting ? log4cplus::DEBUG_LOG_LEVEL : log4cplus::INFO_LOG_LEVEL;
+    const QString text = line.section(QLatin1Char(' '), 1);
+    QTRY_VERIFY_WITH_TIMEOUT(m_log->contains(level, text), 10000);
+    QCOMPARE(finished.count(), 0);
+    int downloads = 0;
+    for (const QJsonValue& request : m_service->requests())
+        downloads += request.toObject().value("path").toString().startsWith("/files/");
+    QCOMPARE(downloads, waiting ? 0 : 1);
+    // What waited stays for its install; what was dropped leaves nothing to install.
+    QCOMPARE(QFile::exists(kDest), waiting);
+    QCOMPARE(QFile::exists(kRecord), waiting);
+    QVERIFY(!QFile::exists(kTmp));
+    QVERIFY2(m_log->messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty(), qPrintable(m_log->dump()));
 }
 
 QTEST_GUILESS_MAIN(tst_OrvelloUpdater)

@@ -1,9 +1,11 @@
 // The module as the platform sees it: liborvello.so loaded with dlopen, worker_create, the
 // published nodes, the scratch directory, and clean deletion.
 #include "LogCapture.h"
+#include "TestFiles.h"
 #include "TestPlatform.h"
 
 #include "OrvelloWorker.h"
+#include "ScratchDirectory.h"
 
 #include "model/cmnode.h"
 #include "vrax/vraxpaths.h"
@@ -14,6 +16,8 @@
 #include <QTest>
 
 #include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -30,9 +34,15 @@ class TestOrvelloWorker : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void init() { QDir(kScratch).removeRecursively(); }
+    void init()
+    {
+        QFile::remove(kScratch);
+        QDir(kScratch).removeRecursively();
+    }
     void moduleCreatesWorkerThroughEntry();
     void prepareDirectoryCreatesParents();
+    void scratchDirectory_data();
+    void scratchDirectory();
     void initialisationGate();
     void pendingPairingCancelledWithTheWorker();
 };
@@ -87,6 +97,75 @@ void TestOrvelloWorker::prepareDirectoryCreatesParents()
     QVERIFY(!worker.prepareDirectory(blocker.fileName() + QStringLiteral("/sub")));
     QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL),
              QStringList{QStringLiteral("Can not create directory :") + blocker.fileName() + QStringLiteral("/sub")});
+}
+
+void TestOrvelloWorker::scratchDirectory_data()
+{
+    QTest::addColumn<QString>("before"); // what stands at /tmp/orvello: "", "squatted", "link", "open", "file"
+    QTest::addColumn<int>("mask");
+    QTest::addColumn<QStringList>("errors"); // ERROR lines, "*" ending a prefix
+    const QString privately = "; nothing in it is read, installed or loaded, and a private directory is used instead";
+    QTest::newRow("missing") << "" << 022 << QStringList();
+    QTest::newRow("missing, umask 000") << "" << 0 << QStringList();
+    QTest::newRow("another account's") << "squatted" << 022
+                                       << QStringList{"Not using /tmp/orvello: it is owned by uid 65534, not by this "
+                                                      "process's user (uid 0)" + privately};
+    QTest::newRow("a link") << "link" << 022
+                            << QStringList{"Not using /tmp/orvello: it is a symbolic link, not a real directory" + privately};
+    QTest::newRow("writable by others") << "open" << 022
+                                        << QStringList{"Not using /tmp/orvello: it is writable by its group and others "
+                                                       "(mode 0777)" + privately};
+    QTest::newRow("a file") << "file" << 022
+                            << QStringList{"Can not create directory :/tmp/orvello",
+                                           "Trying a private scratch directory instead of /tmp/orvello"};
+}
+
+// Whatever another account left at /tmp/orvello, the worker starts with a scratch directory only
+// this process's user can write (its own private one when it must), names the audio socket in
+// it, and takes a private one away with it.
+void TestOrvelloWorker::scratchDirectory()
+{
+    QFETCH(QString, before);
+    QFETCH(int, mask);
+    QFETCH(QStringList, errors);
+    if (::geteuid() != 0)
+        QSKIP("giving /tmp/orvello to another account needs root");
+    TestPlatform t;
+    const QByteArray scratch = kScratch.toLocal8Bit();
+    if (before == QLatin1String("squatted"))
+        QVERIFY(::mkdir(scratch, 0755) == 0 && ::chown(scratch, 65534, 65534) == 0);
+    if (before == QLatin1String("link"))
+        QVERIFY(QDir().mkpath(t.dir() + "/elsewhere") && ::symlink(qPrintable(t.dir() + "/elsewhere"), scratch) == 0);
+    if (before == QLatin1String("open"))
+        QVERIFY(::mkdir(scratch, 0777) == 0 && ::chmod(scratch, 0777) == 0);
+    if (before == QLatin1String("file"))
+        QVERIFY(writeBytes(kScratch, "planted"));
+    LogCapture log;
+    const mode_t previousMask = ::umask(mode_t(mask));
+    auto worker = std::make_unique<OrvelloWorker>(QVariantHash());
+    ::umask(previousMask);
+
+    const QString used = ScratchDirectory::path();
+    QStringList said = log.messages(log4cplus::ERROR_LOG_LEVEL);
+    QCOMPARE(said, errors);
+    struct stat info;
+    QVERIFY(::lstat(QFile::encodeName(used).constData(), &info) == 0);
+    QCOMPARE(info.st_mode & 07777, mode_t(0700));
+    QCOMPARE(info.st_uid, ::geteuid());
+    QCOMPARE(ScratchDirectory::socketAddress(), used + "/smt2socketaddress");
+    QCOMPARE(ScratchDirectory::streamUri(), "smt2://" + used + "/smt2socketaddress");
+    QVERIFY(t.platform().node(VraxOrvelloSetPairCode())); // not inert
+    if (before.isEmpty()) {
+        QCOMPARE(used, kScratch);
+        QVERIFY(log.messages(log4cplus::WARN_LOG_LEVEL).isEmpty());
+    } else {
+        QVERIFY2(used.startsWith(kScratch + "-") && used.size() == kScratch.size() + 7, qPrintable(used));
+        QCOMPARE(log.messages(log4cplus::WARN_LOG_LEVEL),
+                 QStringList{"Using the private scratch directory " + used + " for library downloads and the audio socket"});
+    }
+    worker.reset();
+    QCOMPARE(QFileInfo::exists(used), before.isEmpty());
+    ScratchDirectory::use(kScratch);
 }
 
 // The gate with a fake library whose pairing start answers 7, so every pairing request ends at

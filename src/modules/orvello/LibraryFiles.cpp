@@ -2,19 +2,25 @@
 
 #include "crypto/cryptohash.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
+#include <QList>
 
 #include <elf.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <vector>
 
 namespace {
 
@@ -79,6 +85,210 @@ bool syncDirectoryOf(const QString& path, QString* error)
     return synced;
 }
 
+// Longest record read or written; one is a few hundred bytes, but the version text is the
+// service's.
+constexpr qint64 kMaxRecordSize = 1048576;
+// As the kernel's own limit on links followed in one lookup.
+constexpr int kMaxLinks = 40;
+
+QString modeText(mode_t mode)
+{
+    return QStringLiteral("0") + QString::number(mode & 07777, 8);
+}
+
+QString writers(mode_t mode)
+{
+    if ((mode & S_IWGRP) && (mode & S_IWOTH))
+        return QStringLiteral("its group and others");
+    return (mode & S_IWOTH) ? QStringLiteral("others") : QStringLiteral("its group");
+}
+
+bool trustedOwner(uid_t owner)
+{
+    return owner == 0 || owner == ::geteuid();
+}
+
+QString ownerText(uid_t owner)
+{
+    return QStringLiteral("owned by uid %1, neither root nor this process's user (uid %2)").arg(owner).arg(::geteuid());
+}
+
+QByteArray joined(const QByteArray& dir, const QByteArray& name)
+{
+    return dir == "/" ? dir + name : dir + '/' + name;
+}
+
+QList<QByteArray> components(const QByteArray& path)
+{
+    QList<QByteArray> out;
+    for (const QByteArray& part : path.split('/'))
+        if (!part.isEmpty())
+            out << part;
+    return out;
+}
+
+// Why another account could change the entries of dir: it owns it, or it may write there and
+// the sticky bit does not keep it to its own entries.
+QString passageProblem(const QByteArray& dir, const struct stat& info)
+{
+    if (!trustedOwner(info.st_uid))
+        return QString::fromLocal8Bit(dir) + QStringLiteral(" on the way to it is ") + ownerText(info.st_uid);
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) && !(info.st_mode & S_ISVTX))
+        return QString::fromLocal8Bit(dir)
+            + QStringLiteral(" on the way to it is writable by %1 (mode %2) without the sticky bit")
+                  .arg(writers(info.st_mode), modeText(info.st_mode));
+    return QString();
+}
+
+QByteArray parentOf(const QByteArray& path)
+{
+    const int slash = int(path.lastIndexOf('/'));
+    return slash <= 0 ? QByteArray("/") : path.left(slash);
+}
+
+// Where path really is once every symbolic link is followed, walked one name at a time from the
+// root so that every directory passed through and every link followed is looked at: each
+// directory the walk goes down from or finds a link in must pass passageProblem, and each link
+// must be owned by root or this process's user. The directory the result lies in is left to the
+// caller's own rule: `real` gets the real path and `info` its lstat, `dir` and `dirInfo` that
+// directory's. Empty when nobody else controls the way.
+QString walk(const QString& path, QByteArray* real, struct stat* info, QByteArray* dir, struct stat* dirInfo)
+{
+    QByteArray absolute = QFile::encodeName(path);
+    if (!absolute.startsWith('/')) {
+        char cwd[PATH_MAX];
+        if (!::getcwd(cwd, sizeof(cwd)))
+            return QStringLiteral("the working directory cannot be read: ") + systemError(errno);
+        absolute = QByteArray(cwd) + '/' + absolute;
+    }
+    QList<QByteArray> pending = components(absolute);
+    // Always a real path: no link in it, so its lexical parent is its parent.
+    QByteArray current = "/";
+    struct stat currentInfo;
+    int links = 0;
+    for (;;) {
+        while (!pending.isEmpty() && (pending.first() == "." || pending.first() == "..")) {
+            if (pending.takeFirst() == "..")
+                current = parentOf(current);
+        }
+        if (::lstat(current.constData(), &currentInfo) != 0)
+            return QString::fromLocal8Bit(current) + QStringLiteral(": ") + systemError(errno);
+        if (pending.isEmpty()) {
+            // The path names a directory through "." or "..".
+            *real = current;
+            *info = currentInfo;
+            *dir = parentOf(current);
+            return ::lstat(dir->constData(), dirInfo) == 0 ? QString()
+                                                           : QString::fromLocal8Bit(*dir) + QStringLiteral(": ") + systemError(errno);
+        }
+        const QByteArray next = joined(current, pending.takeFirst());
+        struct stat nextInfo;
+        if (::lstat(next.constData(), &nextInfo) != 0)
+            return QString::fromLocal8Bit(next) + QStringLiteral(": ") + systemError(errno);
+        if (!S_ISLNK(nextInfo.st_mode) && pending.isEmpty()) {
+            *real = next;
+            *info = nextInfo;
+            *dir = current;
+            *dirInfo = currentInfo;
+            return QString();
+        }
+        const QString passage = passageProblem(current, currentInfo);
+        if (!passage.isEmpty())
+            return passage;
+        if (S_ISLNK(nextInfo.st_mode)) {
+            if (++links > kMaxLinks)
+                return QStringLiteral("too many symbolic links on the way to it");
+            if (!trustedOwner(nextInfo.st_uid))
+                return QStringLiteral("the link ") + QString::fromLocal8Bit(next) + QStringLiteral(" on the way to it is ")
+                    + ownerText(nextInfo.st_uid);
+            char target[PATH_MAX];
+            const ssize_t length = ::readlink(next.constData(), target, sizeof(target) - 1);
+            if (length <= 0)
+                return QString::fromLocal8Bit(next) + QStringLiteral(": ") + systemError(errno);
+            const QByteArray to(target, int(length));
+            pending = components(to) + pending;
+            if (to.startsWith('/'))
+                current = "/";
+            continue;
+        }
+        if (!S_ISDIR(nextInfo.st_mode))
+            return QString::fromLocal8Bit(next) + QStringLiteral(" on the way to it is not a directory");
+        current = next;
+    }
+}
+
+int openNoFollow(const QString& path, int flags)
+{
+    return ::open(QFile::encodeName(path).constData(), flags | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// The mode and owner the module gives what it creates, set on the open object and checked.
+// byName: fd was opened with O_PATH (fchmod does not take those), so the mode is set through the
+// descriptor's name under /proc, which names that very object.
+bool setMode(int fd, mode_t mode, const QString& path, QString* error, bool byName = false)
+{
+    struct stat info;
+    const QByteArray name = "/proc/self/fd/" + QByteArray::number(fd);
+    if ((byName ? ::chmod(name.constData(), mode) : ::fchmod(fd, mode)) != 0 || ::fstat(fd, &info) != 0) {
+        *error = path + QStringLiteral(": ") + systemError(errno);
+        return false;
+    }
+    if ((info.st_mode & 07777) != mode || info.st_uid != ::geteuid()) {
+        *error = path + QStringLiteral(": mode %1 and owner uid %2 after creation, not %3 and uid %4")
+                            .arg(modeText(info.st_mode)).arg(info.st_uid).arg(modeText(mode)).arg(::geteuid());
+        return false;
+    }
+    return true;
+}
+
+// Gives a directory just created mode 0700 and checks it, never through a link.
+bool settleDirectory(const QString& path, QString* error)
+{
+    const QByteArray name = QFile::encodeName(path);
+    int fd = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    bool byName = false;
+    // A umask that took the owner's own bits away leaves a directory it cannot open for reading.
+    if (fd < 0 && errno == EACCES) {
+        fd = ::open(name.constData(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        byName = true;
+    }
+    if (fd < 0) {
+        *error = path + QStringLiteral(": ") + systemError(errno);
+        return false;
+    }
+    const bool set = setMode(fd, 0700, path, error, byName);
+    ::close(fd);
+    return set;
+}
+
+bool writeAll(int fd, const char* data, qint64 length)
+{
+    while (length > 0) {
+        const ssize_t written = ::write(fd, data, size_t(length));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        data += written;
+        length -= written;
+    }
+    return true;
+}
+
+bool isLowercaseHexDigest(const QString& text)
+{
+    if (text.size() != 64)
+        return false;
+    for (const QChar c : text)
+        if (!((c >= QLatin1Char('0') && c <= QLatin1Char('9')) || (c >= QLatin1Char('a') && c <= QLatin1Char('f'))))
+            return false;
+    return true;
+}
+
+const QString kVersionKey = QStringLiteral("version");
+const QString kChecksumKey = QStringLiteral("checksum");
+const QString kSignatureKey = QStringLiteral("signature");
+
 } // namespace
 
 namespace LibraryFiles {
@@ -135,57 +345,166 @@ QString sharedObjectProblem(const QString& path)
     return QString();
 }
 
+QString fileTrustProblem(const QString& path)
+{
+    QByteArray real;
+    struct stat info;
+    QByteArray dirPath;
+    struct stat directory;
+    const QString way = walk(path, &real, &info, &dirPath, &directory);
+    if (!way.isEmpty())
+        return way;
+    // Named where it really lives when links lead elsewhere.
+    const QString realPath = QFile::decodeName(real);
+    const QString where = realPath == QDir::cleanPath(QFileInfo(path).absoluteFilePath())
+                              ? QString()
+                              : QStringLiteral(" (it is ") + realPath + QLatin1Char(')');
+    if (!S_ISREG(info.st_mode))
+        return QStringLiteral("not a regular file") + where;
+    if (!trustedOwner(info.st_uid))
+        return QStringLiteral("the file is ") + ownerText(info.st_uid) + where;
+    if (info.st_mode & (S_IWGRP | S_IWOTH))
+        return QStringLiteral("the file is writable by %1 (mode %2)").arg(writers(info.st_mode), modeText(info.st_mode)) + where;
+    const QString dir = QFile::decodeName(dirPath);
+    if (!trustedOwner(directory.st_uid))
+        return QStringLiteral("its directory ") + dir + QStringLiteral(" is ") + ownerText(directory.st_uid);
+    if (directory.st_mode & (S_IWGRP | S_IWOTH))
+        return QStringLiteral("its directory %1 is writable by %2 (mode %3)")
+            .arg(dir, writers(directory.st_mode), modeText(directory.st_mode));
+    return QString();
+}
+
+QString directoryTrustProblem(const QString& path)
+{
+    struct stat own;
+    if (::lstat(QFile::encodeName(path).constData(), &own) != 0)
+        return QStringLiteral("it cannot be looked at: ") + systemError(errno);
+    if (S_ISLNK(own.st_mode))
+        return QStringLiteral("it is a symbolic link, not a real directory");
+    QByteArray real;
+    struct stat info;
+    QByteArray parent;
+    struct stat parentInfo;
+    const QString way = walk(path, &real, &info, &parent, &parentInfo);
+    if (!way.isEmpty())
+        return way;
+    if (!S_ISDIR(info.st_mode))
+        return QStringLiteral("it is not a directory");
+    if (info.st_uid != ::geteuid())
+        return QStringLiteral("it is owned by uid %1, not by this process's user (uid %2)").arg(info.st_uid).arg(::geteuid());
+    if (info.st_mode & (S_IWGRP | S_IWOTH))
+        return QStringLiteral("it is writable by %1 (mode %2)").arg(writers(info.st_mode), modeText(info.st_mode));
+    return real == "/" ? QString() : passageProblem(parent, parentInfo);
+}
+
+bool makeDirectory(const QString& path, QString* error)
+{
+    const QString clean = QDir::cleanPath(path);
+    QString prefix = clean.startsWith(QLatin1Char('/')) ? QStringLiteral("/") : QString();
+    const QStringList parts = clean.split(QLatin1Char('/'), Qt::SkipEmptyParts);
+    for (const QString& part : parts) {
+        prefix += (prefix.isEmpty() || prefix.endsWith(QLatin1Char('/')) ? QString() : QStringLiteral("/")) + part;
+        const QByteArray name = QFile::encodeName(prefix);
+        if (::mkdir(name.constData(), 0700) != 0) {
+            const int mkdirError = errno;
+            struct stat info;
+            if (mkdirError == EEXIST && ::stat(name.constData(), &info) == 0 && S_ISDIR(info.st_mode))
+                continue;
+            *error = prefix + QStringLiteral(": ") + systemError(mkdirError == EEXIST ? ENOTDIR : mkdirError);
+            return false;
+        }
+        if (!settleDirectory(prefix, error))
+            return false;
+    }
+    return true;
+}
+
+QString makePrivateDirectory(const QString& pattern, QString* error)
+{
+    QByteArray name = QFile::encodeName(pattern);
+    if (!::mkdtemp(name.data())) {
+        *error = pattern + QStringLiteral(": ") + systemError(errno);
+        return QString();
+    }
+    const QString path = QFile::decodeName(name);
+    if (!settleDirectory(path, error)) {
+        ::rmdir(name.constData());
+        return QString();
+    }
+    return path;
+}
+
+int createExclusive(const QString& path, mode_t mode, QString* error)
+{
+    const int fd = openNoFollow(path, O_WRONLY | O_CREAT | O_EXCL);
+    if (fd < 0) {
+        *error = path + QStringLiteral(": ") + systemError(errno);
+        return -1;
+    }
+    if (!setMode(fd, mode, path, error)) {
+        ::close(fd);
+        ::unlink(QFile::encodeName(path).constData());
+        return -1;
+    }
+    return fd;
+}
+
 bool copyDurably(const QString& from, const QString& to, QByteArray* sha256, QString* error)
 {
-    QFile in(from);
-    if (!in.open(QIODevice::ReadOnly)) {
-        *error = from + QStringLiteral(": ") + in.errorString();
+    const int in = openNoFollow(from, O_RDONLY);
+    if (in < 0) {
+        *error = from + QStringLiteral(": ") + systemError(errno);
         return false;
     }
-    QFile out(to);
-    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        *error = to + QStringLiteral(": ") + out.errorString();
+    const int out = createExclusive(to, 0600, error);
+    if (out < 0) {
+        ::close(in);
         return false;
     }
     CryptoHash hash(CryptoHash::Sha256);
-    QByteArray block(int(kCopyBlockSize), Qt::Uninitialized);
+    std::vector<char> block(size_t(kCopyBlockSize), 0);
+    bool copied = true;
     for (;;) {
-        const qint64 length = in.read(block.data(), kCopyBlockSize);
+        const ssize_t length = ::read(in, block.data(), size_t(kCopyBlockSize));
+        if (length < 0 && errno == EINTR)
+            continue;
         if (length < 0) {
-            *error = from + QStringLiteral(": ") + in.errorString();
-            return false;
+            *error = from + QStringLiteral(": ") + systemError(errno);
+            copied = false;
+            break;
         }
         if (length == 0)
             break;
-        hash.update(block.constData(), int(length));
-        if (out.write(block.constData(), length) != length) {
-            *error = to + QStringLiteral(": ") + out.errorString();
-            return false;
+        hash.update(block.data(), int(length));
+        if (!writeAll(out, block.data(), length)) {
+            *error = to + QStringLiteral(": ") + systemError(errno);
+            copied = false;
+            break;
         }
     }
-    if (!out.flush()) {
-        *error = to + QStringLiteral(": ") + out.errorString();
-        return false;
-    }
-    if (::fsync(out.handle()) != 0) {
+    if (copied && ::fsync(out) != 0) {
         *error = to + QStringLiteral(": ") + systemError(errno);
-        return false;
+        copied = false;
     }
-    out.close();
-    hash.finalize(sha256);
-    return true;
+    ::close(in);
+    ::close(out);
+    if (copied)
+        hash.finalize(sha256);
+    return copied;
 }
 
 QString sha256Hex(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    const int fd = openNoFollow(path, O_RDONLY);
+    if (fd < 0)
         return QString();
     CryptoHash hash(CryptoHash::Sha256);
-    QByteArray block(int(kCopyBlockSize), Qt::Uninitialized);
-    qint64 length;
-    while ((length = file.read(block.data(), kCopyBlockSize)) > 0)
-        hash.update(block.constData(), int(length));
+    std::vector<char> block(size_t(kCopyBlockSize), 0);
+    ssize_t length;
+    while ((length = ::read(fd, block.data(), size_t(kCopyBlockSize))) > 0 || (length < 0 && errno == EINTR))
+        if (length > 0)
+            hash.update(block.data(), int(length));
+    ::close(fd);
     if (length < 0)
         return QString();
     QByteArray digest;
@@ -229,33 +548,74 @@ bool removeDurably(const QString& path, QString* error)
     return syncDirectoryOf(path, error);
 }
 
-bool writeRecord(const QString& path, const QString& version, const QString& checksum, QString* error)
+QByteArray recordText(const VerifiedDownload& record)
 {
-    const QJsonObject record{{VraxOrvelloVersionInfo::VersionKey(), version},
-                             {VraxOrvelloVersionInfo::ChecksumKey(), checksum}};
-    const QByteArray text = QJsonDocument(record).toJson(QJsonDocument::Compact) + '\n';
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.flush()) {
-        *error = path + QStringLiteral(": ") + file.errorString();
+    const QJsonObject object{{kVersionKey, record.version}, {kChecksumKey, record.checksum}, {kSignatureKey, record.signature}};
+    return QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
+}
+
+VerifiedDownload parseRecord(const QByteArray& text)
+{
+    if (text.size() > kMaxRecordSize)
+        return VerifiedDownload();
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(text, &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return VerifiedDownload();
+    const QJsonObject object = document.object();
+    const QJsonValue version = object.value(kVersionKey);
+    const QJsonValue checksum = object.value(kChecksumKey);
+    const QJsonValue signature = object.value(kSignatureKey);
+    if (!version.isString() || !checksum.isString() || !(signature.isUndefined() || signature.isString())
+        || !isLowercaseHexDigest(checksum.toString()))
+        return VerifiedDownload();
+    return VerifiedDownload{version.toString(), checksum.toString(), signature.toString()};
+}
+
+bool writeRecord(const QString& path, const VerifiedDownload& record, QString* error)
+{
+    const QByteArray text = recordText(record);
+    if (text.size() > kMaxRecordSize) {
+        *error = path + QStringLiteral(": a record of %1 bytes would not be read back").arg(text.size());
         return false;
     }
-    if (::fsync(file.handle()) != 0) {
+    QByteArray temporary = QFile::encodeName(path) + ".XXXXXX";
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) {
         *error = path + QStringLiteral(": ") + systemError(errno);
         return false;
     }
-    if (!file.commit()) {
-        *error = path + QStringLiteral(": ") + file.errorString();
+    const QString temporaryPath = QFile::decodeName(temporary);
+    bool written = setMode(fd, 0600, temporaryPath, error);
+    if (written && (!writeAll(fd, text.constData(), text.size()) || ::fsync(fd) != 0)) {
+        *error = temporaryPath + QStringLiteral(": ") + systemError(errno);
+        written = false;
+    }
+    ::close(fd);
+    if (!written || !replace(temporaryPath, path, error)) {
+        ::unlink(temporary.constData());
         return false;
     }
-    return syncDirectoryOf(path, error);
+    return true;
 }
 
-VraxOrvelloVersionInfo readRecord(const QString& path)
+VerifiedDownload readRecord(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return VraxOrvelloVersionInfo();
-    return VraxOrvelloVersionInfo(QJsonDocument::fromJson(file.readAll()).object().toVariantHash());
+    const int fd = openNoFollow(path, O_RDONLY);
+    if (fd < 0)
+        return VerifiedDownload();
+    struct stat info;
+    QByteArray text;
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        std::vector<char> block(size_t(kCopyBlockSize), 0);
+        ssize_t length;
+        while (text.size() <= kMaxRecordSize
+               && ((length = ::read(fd, block.data(), block.size())) > 0 || (length < 0 && errno == EINTR)))
+            if (length > 0)
+                text.append(block.data(), int(length));
+    }
+    ::close(fd);
+    return parseRecord(text);
 }
 
 } // namespace LibraryFiles

@@ -1,16 +1,13 @@
 #include "OPlayerLib.h"
 
-#include "LibraryFiles.h"
+#include "LibraryStore.h"
 #include "OrvelloLogging.h"
-#include "OrvelloUpdater.h"
 
 #include "model/cmerror.h"
 #include "model/cmworker.h"
-#include "vrax/vraxorvelloversioninfo.h"
 #include "vrax/vraxpaths.h"
 #include "vrax/vraxvalue.h"
 
-#include <QDir>
 #include <QFile>
 #include <QLibrary>
 #include <QList>
@@ -22,23 +19,6 @@
 
 namespace {
 log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
-
-const QString kPersistentDirectory = QStringLiteral("data-rw/orvello");
-const QString kInstalledLibrary = QStringLiteral("data-rw/orvello/liboplayer-1.so");
-// The new copy while it is written; renamed over the installed one once it is on disk.
-const QString kNewLibrary = QStringLiteral("data-rw/orvello/liboplayer-1.so.new");
-// While it exists the installed copy has not loaded yet, and this is the last one that did.
-const QString kPreviousLibrary = QStringLiteral("data-rw/orvello/liboplayer-1.so.previous");
-// Version and checksum of the last update that did not load.
-const QString kRejectedRecord = QStringLiteral("data-rw/orvello/liboplayer-1.so.rejected");
-
-// An installed update comes first so that it wins over the system's copy.
-const QList<QString> kLibrarySearchList = {
-    kInstalledLibrary,
-    QStringLiteral("/usr/lib64/liboplayer-1.so.1"),
-    QStringLiteral("/usr/lib/liboplayer-1.so.1"),
-    QStringLiteral("../../build/Hollowkit-blobs-links/Orvello/lib/linux_x86_64/liboplayer-1.so"),
-};
 
 void storeString(const CMPath& path, const QString& text)
 {
@@ -65,7 +45,7 @@ extern "C" void orvello_save_token(const char* token)
     storeString(VraxOrvelloTokenPath(), QString::fromLatin1(token));
 }
 
-OPlayerLib::OPlayerLib(const oplayer_init_params& params)
+OPlayerLib::OPlayerLib(const oplayer_init_params& params, LibraryStore* store)
     : QObject(nullptr)
     , m_library(nullptr)
     , m_params(params)
@@ -73,14 +53,12 @@ OPlayerLib::OPlayerLib(const oplayer_init_params& params)
     , m_oplayer(nullptr)
     , m_pairingApi(nullptr)
     , m_createParams()
-    , m_installing(false)
+    , m_ownStore(store ? nullptr : std::make_unique<LibraryStore>())
+    , m_store(store ? store : m_ownStore.get())
 {
     std::memset(&m_createParams, 0, sizeof(m_createParams));
-    if (!QDir().mkpath(kPersistentDirectory))
-        LOG4CPLUS_ERROR(logger, "Failed to create: " << kPersistentDirectory << ", update will not work");
-    // Left by an install that a power cut interrupted.
-    QFile::remove(kNewLibrary);
-    if (QFile::exists(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST))) {
+    m_store->preparePersistentDirectory();
+    if (m_store->downloadWaiting()) {
         if (update())
             return;
     }
@@ -106,39 +84,15 @@ OPlayerPlaybackApi* OPlayerLib::playbackApi()
 void OPlayerLib::load()
 {
     ORVELLO_ENTER(logger);
-    const QList<QString> paths = kLibrarySearchList;
+    const QStringList paths = m_store->searchList();
     for (const QString& path : paths) {
-        if (loadFrom(path)) {
-            if (path == kInstalledLibrary)
-                keepInstalled();
-            return;
-        }
-        if (path != kInstalledLibrary || !(m_installing || QFile::exists(kPreviousLibrary)))
-            continue;
-        const QString failed = m_installing ? QStringLiteral("Update to version ") + m_installingVersion
-                                            : QStringLiteral("The update installed before the restart");
-        const bool hasPrevious = QFile::exists(kPreviousLibrary);
-        QString error;
-        if (!rollBack(&error)) {
-            LOG4CPLUS_ERROR(logger, failed << " does not load from " << path << " and cannot be taken out (" << error
-                                           << "); trying the rest of the search list");
-            continue;
-        }
-        if (!hasPrevious) {
-            LOG4CPLUS_ERROR(logger, failed << " does not load from " << path
-                                           << "; there is no previous copy, so it is removed and the rest of the "
-                                              "search list is tried");
-            continue;
-        }
-        if (loadFrom(path)) {
-            LOG4CPLUS_ERROR(logger, failed << " does not load from " << path
-                                           << "; the previous library is back in its place and version "
-                                           << m_runningVersion << " plays on");
-            return;
-        }
-        LOG4CPLUS_ERROR(logger, failed << " does not load from " << path
-                                       << ", nor does the previous library put back there; trying the rest of the "
-                                          "search list");
+        // The store may have put the previous copy back at path: it gets one more try.
+        do {
+            if (loadFrom(path)) {
+                m_store->loaded(path, m_runningVersion);
+                return;
+            }
+        } while (m_store->loadFailed(path));
     }
     LOG4CPLUS_ERROR(logger, "Failed to load oplayer-1 library");
 }
@@ -305,8 +259,7 @@ bool OPlayerLib::loadFrom(const QString& path)
         LOG4CPLUS_TRACE(logger, path << " does not exist");
         return false;
     }
-    // dlopen maps whatever the headers say; a segment past the end of the file is SIGBUS.
-    const QString problem = LibraryFiles::sharedObjectProblem(path);
+    const QString problem = m_store->openProblem(path);
     if (!problem.isEmpty()) {
         LOG4CPLUS_ERROR(logger, "Not loading liboplayer at " << path << ": " << problem << "; trying the next path");
         return false;
@@ -389,110 +342,12 @@ bool OPlayerLib::loadFrom(const QString& path)
     return true;
 }
 
-void OPlayerLib::keepInstalled()
-{
-    QString error;
-    if (QFile::exists(kPreviousLibrary) && !LibraryFiles::removeDurably(kPreviousLibrary, &error))
-        LOG4CPLUS_ERROR(logger, "Failed to delete old library binary: " << kPreviousLibrary << " (" << error << ")");
-}
-
-bool OPlayerLib::rollBack(QString* error)
-{
-    const QString checksum = LibraryFiles::sha256Hex(kInstalledLibrary);
-    const bool restored = QFile::exists(kPreviousLibrary) ? LibraryFiles::replace(kPreviousLibrary, kInstalledLibrary, error)
-                                                          : LibraryFiles::removeDurably(kInstalledLibrary, error);
-    if (!checksum.isEmpty()) {
-        m_rolledBack.insert(checksum);
-        QString recordError;
-        if (!LibraryFiles::writeRecord(kRejectedRecord, m_installingVersion, checksum, &recordError))
-            LOG4CPLUS_WARN(logger, "Cannot record that the library with checksum "
-                                       << checksum << " does not load (" << recordError
-                                       << "); after a restart it may be installed and rolled back once more");
-    }
-    return restored;
-}
-
-bool OPlayerLib::pendingUpdate(VraxOrvelloVersionInfo* verified)
-{
-    const QString download = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
-    if (!QFile::exists(download))
-        return false;
-    if (!QDir(kPersistentDirectory).exists()) {
-        LOG4CPLUS_ERROR(logger, "The persistent Orvello directory does not exist: " << kPersistentDirectory);
-        return false;
-    }
-    *verified = LibraryFiles::readRecord(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD));
-    const QString checksum = verified->checksum();
-    if (checksum.isEmpty()) {
-        LOG4CPLUS_ERROR(logger, "Not installing " << download
-                                                  << ": it has not passed verification; it stays where it is and the "
-                                                     "installed library is kept");
-        return false;
-    }
-    if (m_failedInstalls.contains(checksum)) {
-        LOG4CPLUS_INFO(logger, "Not installing version " << verified->version()
-                                                         << " again: its install failed earlier; the installed library "
-                                                            "is kept until a restart or another verified download");
-        return false;
-    }
-    if (m_rolledBack.contains(checksum) || LibraryFiles::readRecord(kRejectedRecord).checksum() == checksum) {
-        LOG4CPLUS_INFO(logger, "Not installing version " << verified->version() << " again: it did not load on this "
-                                                         << "device and was rolled back; the installed library is kept");
-        return false;
-    }
-    return true;
-}
-
-bool OPlayerLib::hasInstallableUpdate()
-{
-    VraxOrvelloVersionInfo verified;
-    return pendingUpdate(&verified);
-}
-
 bool OPlayerLib::update()
 {
-    VraxOrvelloVersionInfo verified;
-    if (!pendingUpdate(&verified))
+    if (!m_store->hasInstallableUpdate())
         return false;
-    const QString download = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
     unload();
-
-    // Written aside and renamed over the installed copy, so a power cut leaves the old or the
-    // new library there, never part of one.
-    QByteArray digest;
-    QString error;
-    bool installed = LibraryFiles::copyDurably(download, kNewLibrary, &digest, &error);
-    if (installed && QString::fromLatin1(digest.toHex()) != verified.checksum()) {
-        QFile::remove(kNewLibrary);
-        LOG4CPLUS_ERROR(logger, "Not installing " << download
-                                                  << ": it is not the file that passed verification; it stays where it "
-                                                     "is and the installed library is kept");
-        load();
-        return ok();
-    }
-    // The installed copy keeps a second name until the new one has loaded. One that is there
-    // already is the last copy that loaded, and stays.
-    if (installed && QFile::exists(kInstalledLibrary) && !QFile::exists(kPreviousLibrary))
-        installed = LibraryFiles::addName(kInstalledLibrary, kPreviousLibrary, &error);
-    if (installed)
-        installed = LibraryFiles::replace(kNewLibrary, kInstalledLibrary, &error);
-    if (!installed) {
-        QFile::remove(kNewLibrary);
-        m_failedInstalls.insert(verified.checksum());
-        LOG4CPLUS_ERROR(logger, "Failed to move updated library binary to location: " << kInstalledLibrary);
-        LOG4CPLUS_WARN(logger, "Installing version " << verified.version() << " failed (" << error
-                                                     << "); loading the installed library again, and this download is "
-                                                        "not installed again before a restart or another verified download");
-        load();
-        return ok();
-    }
-    QFile::remove(download);
-    QFile::remove(QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_RECORD));
-
-    m_installing = true;
-    m_installingVersion = verified.version();
+    m_store->install();
     load();
-    m_installing = false;
-    m_installingVersion.clear();
     return ok();
 }

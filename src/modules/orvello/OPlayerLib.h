@@ -8,13 +8,13 @@
 
 #include <QList>
 #include <QObject>
-#include <QSet>
 #include <QString>
 
 #include <cstddef>
+#include <memory>
 
+class LibraryStore;
 class QLibrary;
-class VraxOrvelloVersionInfo;
 
 // The device settings the player library is created from; filled by the worker.
 struct oplayer_init_params
@@ -30,17 +30,20 @@ struct oplayer_init_params
     QString productName;
 };
 
-// Hosts the service's player library: finds it on the search list, creates one instance,
-// turns its main loop on the owner's event loop, pairs the device and installs downloaded
-// library versions. Lives on the worker's thread; nothing here is thread-safe.
+// Hosts the service's player library: walks the library store's search list, creates one
+// instance, turns its main loop on the owner's event loop, pairs the device, and has the store
+// install downloaded library versions. The store decides what may be opened and what is
+// installed; the host loads. Lives on the worker's thread; nothing here is thread-safe.
 //
 // Failures are logged and leave ok() false; nothing is thrown or reported from here.
 class OPlayerLib : public QObject
 {
     Q_OBJECT
 public:
-    // Loads the library (installing a finished download first, if one is waiting).
-    explicit OPlayerLib(const oplayer_init_params& params);
+    // Loads the library (installing a finished download first, if one is waiting). store is the
+    // worker's and must outlive the host; without one the host keeps a store of its own on the
+    // default paths.
+    explicit OPlayerLib(const oplayer_init_params& params, LibraryStore* store = nullptr);
     // Does not destroy a live instance and leaves the library file mapped: end the loop first
     // (requestExit, endOfLoop) when the library has threads of its own. Pairing attempts still
     // under way are cancelled.
@@ -51,8 +54,9 @@ public:
     OPlayerPlaybackApi* playbackApi();
 
     // Walks the search list until a library loads, resolves and creates an instance. A file
-    // that is not a complete shared object for this machine is skipped without being opened.
-    // An installed copy that has not loaded yet and fails is replaced by the previous one.
+    // the store will not have opened (another account controls it, or it is not a complete
+    // shared object for this machine) is skipped without being opened. An installed copy that
+    // has not loaded yet and fails is replaced by the previous one.
     void load();
     // Closes the library file last opened; the instance, if any, is not touched.
     void unload();
@@ -74,15 +78,11 @@ public:
     // Does nothing for an attempt that has been answered already.
     void doPairLoop(CMReply<QVariant> reply);
 
-    // Installs a verified download into the persistent directory (durably, keeping the previous
-    // copy until the new one has loaded) and loads again. False, changing nothing, when nothing
-    // installable waits (see hasInstallableUpdate); else ok() after the reload. The library's
-    // loop must have ended.
+    // Has the store install a verified download (durably, keeping the previous copy until the
+    // new one has loaded) and loads again. False, changing nothing, when nothing installable
+    // waits (LibraryStore::hasInstallableUpdate); else ok() after the reload. The library's loop
+    // must have ended.
     bool update();
-    // Whether update() would install the waiting download: it passed verification, and it
-    // neither failed to install earlier in this process nor was rolled back on this device.
-    // Logs why not.
-    bool hasInstallableUpdate();
 
 Q_SIGNALS:
     // The library instance has been destroyed at the end of its loop.
@@ -104,12 +104,6 @@ private:
 
     // One path of load(): true when it runs an instance.
     bool loadFrom(const QString& path);
-    // The installed copy has loaded: its previous copy is not needed any more.
-    void keepInstalled();
-    // The installed copy that has not loaded yet failed: puts the previous copy back (or removes
-    // the failed one when there is none) and remembers its checksum, also across restarts.
-    bool rollBack(QString* error);
-    bool pendingUpdate(VraxOrvelloVersionInfo* verified);
 
     QLibrary* m_library;
     oplayer_init_params m_params;
@@ -119,12 +113,8 @@ private:
     oplayer_create_params m_createParams;
     OPlayerPlaybackApi m_playbackApi;
     QString m_runningVersion;
-    // Set while update() loads what it has just installed.
-    bool m_installing;
-    QString m_installingVersion;
-    // Checksums of downloads not to install again: failed to install, did not load.
-    QSet<QString> m_failedInstalls;
-    QSet<QString> m_rolledBack;
+    std::unique_ptr<LibraryStore> m_ownStore;
+    LibraryStore* m_store;
     // Pairing attempts still polling, in the order they started.
     QList<CMReply<QVariant>> m_pairings;
     unsigned m_pairingFaultsLogged = 0;

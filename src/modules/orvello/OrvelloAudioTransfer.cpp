@@ -1,11 +1,14 @@
 #include "OrvelloAudioTransfer.h"
 
 #include "OrvelloLogging.h"
+#include "ScratchDirectory.h"
 
 #include "audioUtils/pcmaudioinfo.h"
 #include "miscUtils/notime.h"
 #include "model/cmerror.h"
 #include "vrax/vraxassert.h"
+
+#include <QFile>
 
 #include <algorithm>
 #include <memory>
@@ -14,7 +17,6 @@
 namespace {
 log4cplus::Logger logger = log4cplus::Logger::getInstance("OrvelloAudioTransfer");
 
-const char* const kSocketAddress = "/tmp/orvello/smt2socketaddress";
 constexpr int kMaxChunk = 131072;
 constexpr std::int32_t kStreamingState = 3;
 } // namespace
@@ -28,7 +30,7 @@ OrvelloAudioTransfer::OrvelloAudioTransfer()
     , m_pendingFuture()
 {
     ORVELLO_ENTER(logger);
-    const std::string address = kSocketAddress;
+    const std::string address = QFile::encodeName(ScratchDirectory::socketAddress()).toStdString();
     LOG4CPLUS_DEBUG(logger, "Setting socket address: " << address);
     m_channel.setSocketAddress(address);
     m_channel.setSendBufferSize(kMaxChunk);

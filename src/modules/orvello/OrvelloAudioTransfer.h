@@ -15,8 +15,10 @@
 #include <mutex>
 
 // Carries the player library's PCM to the platform's audio pipeline over smt2 on the Unix
-// socket "/tmp/orvello/smt2socketaddress". Keeps no audio of its own: processData sends at
-// most one chunk straight from the caller's memory and answers how much it accepted.
+// socket in the scratch directory (ScratchDirectory::socketAddress(), read at construction:
+// "/tmp/orvello/smt2socketaddress" unless the worker chose a private directory). Keeps no audio
+// of its own: processData sends at most one chunk straight from the caller's memory and
+// answers how much it accepted.
 //
 // Threads: construction, connect(), close() and destruction on the play logic's thread;
 // setStreamFormat, processData, flush and sendStreamEnd on the player library's audio

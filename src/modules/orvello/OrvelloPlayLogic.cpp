@@ -3,6 +3,7 @@
 #include "OPlayerPlaybackApi.h"
 #include "OrvelloAudioTransfer.h"
 #include "OrvelloLogging.h"
+#include "ScratchDirectory.h"
 
 #include "play/vraxplaylogicdata.h"
 #include "play/vraxservices.h"
@@ -11,8 +12,6 @@
 
 namespace {
 log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
-
-const QString kStreamUri = QStringLiteral("smt2:///tmp/orvello/smt2socketaddress");
 } // namespace
 
 OrvelloPlayLogic::OrvelloPlayLogic(CMNodes* nodes, OPlayerPlaybackApi* playbackApi)
@@ -206,7 +205,7 @@ void OrvelloPlayLogic::startNewPlayback()
     VraxMediaData mediaData;
     mediaData.setMetaData(metaData);
     VraxResource resource;
-    resource.setUri(kStreamUri);
+    resource.setUri(ScratchDirectory::streamUri());
     resource.setMimeType(MimeTypes::Audio::unknown());
     mediaData.setResources({resource});
     roles.setMediaData(mediaData);

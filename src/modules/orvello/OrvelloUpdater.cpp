@@ -1,6 +1,6 @@
 #include "OrvelloUpdater.h"
 
-#include "LibraryFiles.h"
+#include "LibraryStore.h"
 #include "OrvelloLogging.h"
 
 #include "crypto/cryptohash.h"
@@ -12,6 +12,9 @@
 
 #include <QFile>
 #include <QTimer>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <limits>
@@ -27,14 +30,28 @@ VraxHash platformValue(const CMPath& path)
 {
     return VraxHash(CMRoot()->getValue(path).toHash());
 }
+
+// The download under way: its temporary file, removed by name when the transfer fails.
+struct DownloadFile
+{
+    QFile file;
+    LibraryStore* store;
+    void discard()
+    {
+        file.close();
+        store->removeDownloadTemp();
+    }
+};
 } // namespace
 
-OrvelloUpdater::OrvelloUpdater()
+OrvelloUpdater::OrvelloUpdater(LibraryStore* store)
     : QObject(nullptr)
     , m_httpClient(new HttpClient(this, HttpClient::Http1_1, true))
     , m_checkTimer(new QTimer(this))
     , m_url()
     , m_download()
+    , m_ownStore(store ? nullptr : std::make_unique<LibraryStore>())
+    , m_store(store ? store : m_ownStore.get())
 {
     m_url = VraxUrl::fromEncoded(platformValue(VraxOrvelloVersionUrl()).string_());
     if (m_url.isEmpty()) {
@@ -51,7 +68,11 @@ OrvelloUpdater::OrvelloUpdater()
     check();
 }
 
-OrvelloUpdater::~OrvelloUpdater() = default;
+// The client goes first: nothing it still holds may reach a store that is gone.
+OrvelloUpdater::~OrvelloUpdater()
+{
+    delete m_httpClient;
+}
 
 void OrvelloUpdater::on_checkTimer_timeout()
 {
@@ -96,6 +117,8 @@ void OrvelloUpdater::check()
             LOG4CPLUS_INFO(logger, "Version " << info.version() << " already on the device, ignoring...");
             return;
         }
+        if (!m_store->wantsDownload(info.version(), info.checksum()))
+            return;
         if (downloadRunning()) {
             LOG4CPLUS_DEBUG(logger, "A library download is still running, not starting another for version "
                                         << info.version());
@@ -108,15 +131,25 @@ void OrvelloUpdater::check()
                 return;
             }
             LOG4CPLUS_INFO(logger, "Completed downloading new OVM library version.");
-            const QString record = QString::fromLatin1(TMP_DOWNLOAD_RECORD);
+            // A swap while it downloaded may have brought this version (or a newer one) already.
+            const QString running = platformValue(VraxOrvelloSdkVersion()).string_();
+            if (!(running < info.version())) {
+                m_store->discardDownload();
+                LOG4CPLUS_INFO(logger, "Version " << info.version() << " finished downloading, but version " << running
+                                                  << " runs now; the download is dropped");
+                return;
+            }
             if (!verifyDownloadedLib(info)) {
-                QFile::remove(record);
+                m_store->forgetVerification();
                 LOG4CPLUS_ERROR(logger, "Failed to verify downlaoded library");
                 return;
             }
+            const QVariant signature = info.hash().value(QStringLiteral("signature"));
+            const VerifiedDownload verified{info.version(), info.checksum(),
+                                            signature.userType() == QMetaType::QString ? signature.toString() : QString()};
             QString error;
-            if (!LibraryFiles::writeRecord(record, info.version(), info.checksum(), &error)) {
-                QFile::remove(record);
+            if (!m_store->addVerifiedDownload(verified, &error)) {
+                m_store->forgetVerification();
                 LOG4CPLUS_ERROR(logger, "Cannot record the verified download of version "
                                             << info.version() << " (" << error
                                             << "), so it will not be installed; trying again at the next check");
@@ -139,21 +172,27 @@ CMReply<bool> OrvelloUpdater::downloadLibrary(const QString& url)
     HttpClientOptions options;
     options.setReadSizeLimit(kDownloadSizeLimit);
     options.setImmediateRead(true);
-    static const QString tmpPath = QString::fromLatin1(TMP_DOWNLOAD_DEST) + QStringLiteral(".tmp");
+    const QString tmpPath = m_store->downloadTempPath();
 
-    auto file = std::make_shared<QFile>(tmpPath);
-    if (!file->open(QIODevice::WriteOnly)) {
+    auto download = std::make_shared<DownloadFile>();
+    download->store = m_store;
+    QString error;
+    const int fd = m_store->createDownloadFile(&error);
+    if (fd < 0 || !download->file.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle)) {
+        if (fd >= 0)
+            ::close(fd);
         LOG4CPLUS_ERROR(logger, "Unable to open destination:" << tmpPath);
+        LOG4CPLUS_ERROR(logger, "The download cannot be written (" << error << "); trying again at the next check");
         reply.setValue(false);
         return reply;
     }
     m_download = reply;
-    m_httpClient->get(VraxUrl::fromEncoded(url), options, [reply, file](const HttpClientResult& result) mutable {
+    m_httpClient->get(VraxUrl::fromEncoded(url), options, [reply, download](const HttpClientResult& result) mutable {
         if (reply.isFinished())
             return;
         if (result.httpCode() != 200) {
             LOG4CPLUS_ERROR(logger, "Downloading library failed with HTTP code: " << result.httpCode());
-            file->remove();
+            download->discard();
             reply.setValue(false);
             return;
         }
@@ -161,26 +200,32 @@ CMReply<bool> OrvelloUpdater::downloadLibrary(const QString& url)
         case HttpClientResult::DataAvailable:
             if (result.output().isEmpty()) {
                 LOG4CPLUS_ERROR(logger, "Library download result output is empty.");
-                file->remove();
+                download->discard();
                 reply.setValue(false);
-            } else if (file->write(result.output()) == -1) {
+            } else if (download->file.write(result.output()) == -1) {
                 LOG4CPLUS_ERROR(logger, "Error while writing to local file");
-                file->remove();
+                download->discard();
                 reply.setValue(false);
             }
             return;
         case HttpClientResult::Complete:
-            // The copy does not overwrite, so a stale download at the destination is what
-            // gets verified and installed; the reply is true either way.
-            file->copy(QString::fromLatin1(TMP_DOWNLOAD_DEST));
-            file->remove();
+            // A stale download at the destination is not replaced: it is what gets verified
+            // and installed; the reply is true either way.
+            if (!download->file.flush()) {
+                LOG4CPLUS_ERROR(logger, "Error while writing to local file");
+                download->discard();
+                reply.setValue(false);
+                return;
+            }
+            download->file.close();
+            download->store->publishDownload();
             reply.setValue(true);
             return;
         case HttpClientResult::NetworkError:
         case HttpClientResult::Timeout:
         case HttpClientResult::SizeLimitExceeded:
         case HttpClientResult::Aborted:
-            file->remove();
+            download->discard();
             reply.setValue(false);
             return;
         }
@@ -195,9 +240,13 @@ bool OrvelloUpdater::downloadRunning() const
 
 bool OrvelloUpdater::verifyDownloadedLib(const VraxOrvelloVersionInfo& info)
 {
-    QFile file(QString::fromLatin1(TMP_DOWNLOAD_DEST));
-    if (!file.open(QIODevice::ReadOnly))
+    const int fd = ::open(QFile::encodeName(m_store->downloadPath()).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    QFile file;
+    if (fd < 0 || !file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        if (fd >= 0)
+            ::close(fd);
         return false;
+    }
     CryptoHash hash(CryptoHash::Sha256);
     char block[kVerifyBlockSize];
     qint64 length;

@@ -7,57 +7,65 @@
 #include <QObject>
 #include <QString>
 
+#include <memory>
 #include <optional>
 
 class HttpClient;
+class LibraryStore;
 class QTimer;
 
 // Keeps the player library current: at the configured interval it fetches the service's
 // configuration document, and when that names a version newer (as text) than the running one,
-// downloads the library to TMP_DOWNLOAD_DEST, verifies it and emits updateFinished().
+// downloads the library into the library store's scratch directory (TMP_DOWNLOAD_DEST unless the
+// worker chose a private directory), verifies it, hands it to the store and emits
+// updateFinished().
 //
 // Reads its URL and interval once, at construction; an empty URL or an interval below one
 // second leaves it idle for its whole life. Lives on the worker's thread; every callback and
 // the timer run there. Owns its HTTP client and timer (children); destroying the updater
 // drops any fetch or download under way without a callback.
 //
-// One download at a time: a check that finds one still running starts none. A download that
-// verifies is recorded in TMP_DOWNLOAD_RECORD (its version and checksum); the library host
-// installs nothing else.
+// One download at a time, and one per offered file: a check that finds a download still
+// running, or the offered file downloaded and verified already and waiting to be installed (or
+// refused by the store), starts none. A download that verifies is handed to the store
+// (LibraryStore::addVerifiedDownload: version, checksum and signature); the store installs
+// nothing else. A download that completes after its version stopped sorting after the running
+// one is dropped.
 class OrvelloUpdater : public QObject
 {
     Q_OBJECT
 public:
-    // Scratch directory (prepared by the worker) and the file a verified download is left in.
+    // The default scratch directory (prepared by the worker) and the file a verified download
+    // is left in there.
     static constexpr char TMP_DOWNLOAD_PATH[] = "/tmp/orvello";
     static constexpr char TMP_DOWNLOAD_DEST[] = "/tmp/orvello/liboplayer-1.so";
-    // The version and checksum TMP_DOWNLOAD_DEST verified against (LibraryFiles::readRecord);
-    // absent while the file there has not passed verification.
-    static constexpr char TMP_DOWNLOAD_RECORD[] = "/tmp/orvello/liboplayer-1.so.verified";
 
-    OrvelloUpdater();
+    // store is the worker's and must outlive the updater; without one the updater keeps a store
+    // of its own on the default paths.
+    explicit OrvelloUpdater(LibraryStore* store = nullptr);
     ~OrvelloUpdater() override;
 
     // Starts one asynchronous configuration fetch and returns at once; a fetch under way is
     // neither cancelled nor awaited.
     void check();
 
-    // Streams url into TMP_DOWNLOAD_DEST + ".tmp" and, once complete, copies it to
-    // TMP_DOWNLOAD_DEST. The copy does not overwrite: a file already standing there stays and
-    // the reply is true all the same. Answered once: true when the transfer completed, false
-    // on any failure (the ".tmp" file is then removed). Answered before return when the
-    // temporary file cannot be opened, and with false when another download is still running
-    // (its ".tmp" file is left alone).
+    // Streams url into the store's download path + ".tmp" (created anew, exclusively, mode 0600)
+    // and, once complete, gives it the download path. A file already standing there is not
+    // replaced: it stays and the reply is true all the same. Answered once: true when the
+    // transfer completed, false on any failure (the ".tmp" file is then removed). Answered
+    // before return when the temporary file cannot be created, and with false when another
+    // download is still running (its ".tmp" file is left alone).
     CMReply<bool> downloadLibrary(const QString& url);
     bool downloadRunning() const;
 
-    // True when the SHA-256 of TMP_DOWNLOAD_DEST, as lowercase hex, equals info.checksum()
-    // exactly. Reads the file synchronously; a missing file gives false.
+    // True when the SHA-256 of the download (the store's download path, never through a link),
+    // as lowercase hex, equals info.checksum() exactly. Reads the file synchronously; a missing
+    // file gives false.
     bool verifyDownloadedLib(const VraxOrvelloVersionInfo& info);
 
 Q_SIGNALS:
-    // A newer library is at TMP_DOWNLOAD_DEST, verified and recorded. Emitted again at every
-    // check for as long as the running version stays older than the offered one.
+    // A newer library is at the store's download path, verified and recorded. Emitted once per
+    // download.
     void updateFinished();
 
 private Q_SLOTS:
@@ -68,4 +76,6 @@ private:
     QTimer* m_checkTimer;
     VraxUrl m_url;
     std::optional<CMReply<bool>> m_download;
+    std::unique_ptr<LibraryStore> m_ownStore;
+    LibraryStore* m_store;
 };

@@ -1,10 +1,13 @@
 #include "OrvelloWorker.h"
 
+#include "LibraryFiles.h"
+#include "LibraryStore.h"
 #include "OPlayerLib.h"
 #include "OrvelloLogging.h"
 #include "OrvelloPlayLogic.h"
 #include "OrvelloUI.h"
 #include "OrvelloUpdater.h"
+#include "ScratchDirectory.h"
 
 #include "model/cmnode.h"
 #include "play/vraxplaylogicdata.h"
@@ -12,8 +15,11 @@
 #include "vrax/vraxpaths.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QTimer>
+
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -21,6 +27,7 @@ namespace {
 log4cplus::Logger logger = log4cplus::Logger::getInstance("Orvello");
 
 const QString kScratchDirectory = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH);
+const QString kPrivateScratchPattern = kScratchDirectory + QStringLiteral("-XXXXXX");
 
 constexpr int kFirstRetrySeconds = 1;
 constexpr int kLongestRetrySeconds = 60;
@@ -48,10 +55,14 @@ OrvelloWorker::OrvelloWorker(const QVariantHash& config)
 {
     ORVELLO_ENTER(logger);
     m_sdkVersionNode->setTitle(ORVELLO_TR("Orvello SDK version number"));
-    if (!prepareDirectory(kScratchDirectory)) {
+    const QString scratch = chooseScratchDirectory();
+    if (scratch.isEmpty()) {
         LOG4CPLUS_ERROR(logger, "Can not init OrvelloWorker without " << kScratchDirectory << " dir");
         return;
     }
+    m_privateScratch = scratch != kScratchDirectory;
+    ScratchDirectory::use(scratch);
+    m_store = new LibraryStore(scratch);
     CMActivateNode::create(nodes(), VraxOrvelloSetPairCode())
         ->setInvoke(this, &OrvelloWorker::on_setPairingCode_activated, Qt::QueuedConnection);
     maybeInitialize(false);
@@ -66,6 +77,9 @@ OrvelloWorker::~OrvelloWorker()
     delete m_playLogic;
     delete m_oplayerLib;
     delete m_updater;
+    if (m_store && m_privateScratch)
+        m_store->removeScratchDirectory();
+    delete m_store;
     delete m_sdkVersionNode;
     delete m_ui;
 }
@@ -94,20 +108,39 @@ CMError OrvelloWorker::maybeInitialize(bool force)
     params.productName = setting(VraxSystemProductNamePath()).string_();
 
     delete m_oplayerLib;
-    m_oplayerLib = new OPlayerLib(params);
+    m_oplayerLib = new OPlayerLib(params, m_store);
     if (!m_oplayerLib->ok()) {
         delete m_oplayerLib;
         m_oplayerLib = nullptr;
-        return CMError(ORVELLO_TR("Failed to load library"));
+        const CMError error(ORVELLO_TR("Failed to load library"));
+        if (!force)
+            startHealing();
+        return error;
     }
     delete m_playLogic;
     m_playLogic = new OrvelloPlayLogic(nodes(), m_oplayerLib->playbackApi());
-    delete m_updater;
-    m_updater = new OrvelloUpdater();
+    // One that runs already (started while no library loaded) keeps its download going.
+    const bool newUpdater = !m_updater;
+    if (newUpdater)
+        m_updater = new OrvelloUpdater(m_store);
     m_initialized = true;
-    vraxConnect(m_updater, &OrvelloUpdater::updateFinished, this, &OrvelloWorker::on_updater_updateFinished);
+    if (newUpdater)
+        vraxConnect(m_updater, &OrvelloUpdater::updateFinished, this, &OrvelloWorker::on_updater_updateFinished);
     vraxConnect(m_oplayerLib, &OPlayerLib::endOfLoop, this, &OrvelloWorker::on_lib_endOfLoop);
+    if (m_retryTimer)
+        m_retryTimer->stop();
     return CMError();
+}
+
+void OrvelloWorker::startHealing()
+{
+    if (!m_updater) {
+        LOG4CPLUS_WARN(logger, "No player library loads on this paired device; the update check runs all the same, so "
+                               "that a verified update can bring one");
+        m_updater = new OrvelloUpdater(m_store);
+        vraxConnect(m_updater, &OrvelloUpdater::updateFinished, this, &OrvelloWorker::on_updater_updateFinished);
+    }
+    retryUnlessRunning();
 }
 
 void OrvelloWorker::on_setPairingCode_activated(const CMSetDataRequest& request)
@@ -124,8 +157,14 @@ void OrvelloWorker::on_setPairingCode_activated(const CMSetDataRequest& request)
 
 void OrvelloWorker::on_updater_updateFinished()
 {
-    if (!m_oplayerLib->hasInstallableUpdate())
+    if (!m_store->hasInstallableUpdate())
         return;
+    if (!m_oplayerLib) {
+        // The host installs the waiting download when it starts.
+        LOG4CPLUS_INFO(logger, "No player library is running, so the verified update is installed now");
+        maybeInitialize(false);
+        return;
+    }
     if (!m_oplayerLib->ok()) {
         LOG4CPLUS_INFO(logger, "No player library is running, so the verified update is installed now");
         m_oplayerLib->update();
@@ -143,12 +182,12 @@ void OrvelloWorker::on_lib_endOfLoop()
 
 void OrvelloWorker::retryUnlessRunning()
 {
-    if (m_oplayerLib->ok()) {
+    if (m_oplayerLib && m_oplayerLib->ok()) {
         if (m_retryTimer)
             m_retryTimer->stop();
         return;
     }
-    if (m_playLogic->data().state() != VraxPlayLogicData::Stopped)
+    if (m_playLogic && m_playLogic->data().state() != VraxPlayLogicData::Stopped)
         m_playLogic->stop();
     if (!m_retryTimer) {
         m_retryTimer = new QTimer(this);
@@ -179,18 +218,53 @@ void OrvelloWorker::on_retryTimer_timeout()
     LOG4CPLUS_INFO(logger, "Searching the library list again (attempt " << m_retryAttempt
                                                                          << "); if no library loads, the next attempt follows in "
                                                                          << next << " s");
-    m_oplayerLib->load();
-    if (m_oplayerLib->ok()) {
-        m_retryLoaded.start();
-        return;
-    }
+    // Armed first: a gate that fails again finds the search scheduled and leaves the pause growing.
     m_retryTimer->start(next * 1000);
+    if (m_oplayerLib) {
+        m_oplayerLib->load();
+    } else {
+        maybeInitialize(false);
+        // The token is gone: the device waits for a pairing code instead.
+        if (!m_initialized && setting(VraxOrvelloTokenPath()).string_().isEmpty())
+            m_retryTimer->stop();
+    }
+    if (m_oplayerLib && m_oplayerLib->ok()) {
+        m_retryTimer->stop();
+        m_retryLoaded.start();
+    }
+}
+
+QString OrvelloWorker::chooseScratchDirectory() const
+{
+    if (prepareDirectory(kScratchDirectory)) {
+        const QString problem = LibraryFiles::directoryTrustProblem(kScratchDirectory);
+        if (problem.isEmpty())
+            return kScratchDirectory;
+        LOG4CPLUS_ERROR(logger, "Not using " << kScratchDirectory << ": " << problem
+                                             << "; nothing in it is read, installed or loaded, and a private directory "
+                                                "is used instead");
+    } else {
+        LOG4CPLUS_ERROR(logger, "Trying a private scratch directory instead of " << kScratchDirectory);
+    }
+    QString error;
+    const QString dir = LibraryFiles::makePrivateDirectory(kPrivateScratchPattern, &error);
+    const QString problem = dir.isEmpty() ? error : LibraryFiles::directoryTrustProblem(dir);
+    if (!problem.isEmpty()) {
+        if (!dir.isEmpty())
+            ::rmdir(QFile::encodeName(dir).constData());
+        LOG4CPLUS_ERROR(logger, "Cannot have a private scratch directory either (" << problem << ")");
+        return QString();
+    }
+    LOG4CPLUS_WARN(logger, "Using the private scratch directory " << dir
+                                                                  << " for library downloads and the audio socket");
+    return dir;
 }
 
 bool OrvelloWorker::prepareDirectory(const QString& path) const
 {
     ORVELLO_ENTER_ARG(logger, path);
-    if (!QDir(path).exists() && !QDir().mkpath(path)) {
+    QString error;
+    if (!QDir(path).exists() && !LibraryFiles::makeDirectory(path, &error)) {
         LOG4CPLUS_ERROR(logger, "Can not create directory :" << path);
         return false;
     }
