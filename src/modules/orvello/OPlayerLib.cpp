@@ -165,6 +165,7 @@ void OPlayerLib::mainLoop()
     LOG4CPLUS_INFO(logger, "End of oplayer main loop, cleaning up");
     interruptPairings();
     destroyInstance();
+    m_playbackApi.announceLoopEnded();
     Q_EMIT endOfLoop();
 }
 
