@@ -347,6 +347,7 @@ private:
     void clearFault();
     bool applyService(const QJsonObject& change);
     bool restartService(QString* error);
+    void countDownloads();
     void driveControl();
     void watchSilence();
     void sample();
@@ -415,6 +416,10 @@ private:
     int m_nextFault = 0;
     qint64 m_nextFaultNs = 0;
     QJsonObject m_serviceState;
+    // Library downloads the service answered with 200, from its request log: those of services
+    // killed earlier in the run, and those of the one running when last asked.
+    int m_downloadsBefore = 0, m_downloadsNow = 0;
+    int m_requestLogsMissed = 0;   // the service did not hand over its log: the count is a lower bound
 
     // Controls.
     Control m_control = Control::Idle;
@@ -993,6 +998,10 @@ void Soak::startFault(int kind, bool modesPosted)
     m_faults.push_back({kind, nowNs(), 0, 0});
     m_faultActive = true;
     if (k.modes.isEmpty()) {
+        // Its request log goes with it.
+        countDownloads();
+        m_downloadsBefore += m_downloadsNow;
+        m_downloadsNow = 0;
         m_rig->killService();
         m_serviceDown = true;
     } else if (!modesPosted) {
@@ -1007,6 +1016,24 @@ void Soak::driveFault()
     const FaultWindow& f = m_faults.back();
     if (nowNs() - f.from >= qint64(faultKinds().at(std::size_t(f.kind)).holdSeconds) * kS)
         clearFault();
+}
+
+void Soak::countDownloads()
+{
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        bool ok = false;
+        const QJsonArray requests = m_rig->serviceRequests(&ok);
+        if (!ok)
+            continue;
+        m_downloadsNow = 0;
+        for (const QJsonValue& request : requests) {
+            const QJsonObject r = request.toObject();
+            m_downloadsNow += r.value(QStringLiteral("path")).toString().startsWith(QLatin1String("/files/"))
+                              && r.value(QStringLiteral("status")).toInt() == 200;
+        }
+        return;
+    }
+    ++m_requestLogsMissed;
 }
 
 bool Soak::restartService(QString* error)
@@ -1167,6 +1194,7 @@ void Soak::finish()
     m_endNs = nowNs();
     if (m_faultActive)
         clearFault();
+    countDownloads();
     readTrace();
     if (m_lastAudioNs && m_endNs - m_lastAudioNs >= kSilenceMinNs)
         noteGap(m_lastAudioNs, m_endNs);
@@ -1249,6 +1277,7 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
     for (const Swap& s : m_swaps)
         upward += s.to == m_libraries[1].version;
     const double cores = minutes > 0 ? (m_cpuSeconds - m_cpuBase) / (minutes * 60) : std::nan("");
+    const int downloads = m_downloadsBefore + m_downloadsNow;
 
     utsname un{};
     uname(&un);
@@ -1277,6 +1306,9 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
        << " ms, longest " << num(maximum(swapMs)) << " ms; offer to swap without a fault: median "
        << num(median(offerToSwapS)) << " s, longest " << num(maximum(offerToSwapS)) << " s |\n"
        << "| library loop ends / loads | " << m_loopEnds << " / " << m_loads << " |\n"
+       << "| library downloads per swap | **" << num(downloads / std::max<double>(1, double(m_swaps.size())), 3)
+       << "** (" << (m_requestLogsMissed ? "at least " : "") << downloads
+       << " downloads answered 200 in the service's request log, for " << m_swaps.size() << " swaps) |\n"
        << "| rollbacks | " << m_rollbacks << " |\n"
        << "| \"No player library is running\" | " << m_noLibrary << " |\n"
        << "| faults injected | **" << m_faults.size() << "** (by kind below) |\n"
@@ -1414,6 +1446,12 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
           "\"Requesting exit at end of song\" (the download is verified) the service goes back to offering 1.0.0, which "
           "neither build sorts before, so each offer makes one swap. A swap counts when \"Running SDK version\" names "
           "the other build; the time is from \"End of oplayer main loop, cleaning up\" to that line.\n"
+       << "- **Downloads per swap**: the requests for a library file (`/files/...`) that orvello-service answered "
+          "with 200, from its request log (`GET /admin/requests`, read before the soak kills the service and at the "
+          "end), divided by the swaps. Downloads spoiled by a fault after the status (truncated, oversized, "
+          "stalled) count: they cost the bandwidth all the same.\n"
+       << "- **Music playing again during the soak's stop or pause**: audio read by the pipeline more than 500 ms "
+          "after the soak's stop or pause and before its play or second pause.\n"
        << "- **Faults** take turns, one every " << m_options.faultEverySeconds << " s after the last was cleared, "
           "each held for the time given in its table line; then the service is told to stop failing (or is started "
           "again on its port).\n"

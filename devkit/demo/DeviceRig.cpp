@@ -308,7 +308,10 @@ bool DeviceRig::setServiceState(const QJsonObject& change, QString* error)
     return answer.ok();
 }
 
-QJsonArray DeviceRig::serviceRequests()
+QJsonArray DeviceRig::serviceRequests(bool* ok)
 {
-    return serviceRequest("GET", QStringLiteral("/admin/requests"), QByteArray()).array;
+    const Answer answer = serviceRequest("GET", QStringLiteral("/admin/requests"), QByteArray());
+    if (ok)
+        *ok = answer.ok();
+    return answer.array;
 }

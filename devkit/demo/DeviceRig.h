@@ -51,8 +51,9 @@ public:
     QString serviceDir() const;
     // POST /admin/state (version, library, fail); false with the service's answer in error.
     bool setServiceState(const QJsonObject& change, QString* error);
-    // The service's non-admin requests so far (GET /admin/requests).
-    QJsonArray serviceRequests();
+    // The service's non-admin requests so far (GET /admin/requests); ok (when given) is false
+    // when the service did not answer.
+    QJsonArray serviceRequests(bool* ok = nullptr);
     // SIGKILL, as a service that vanishes mid-answer.
     void killService();
 

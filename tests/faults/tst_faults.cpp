@@ -570,6 +570,38 @@ void pauseToggles(FaultDevice& d)
     d.expectState(2);
 }
 
+// The device's stop or pause while a verified update waits for the end of a long song: the
+// library's loop ends at once and 1.1.0 is swapped in, but the device stays quiet and says so
+// (12 s of listening); its play brings the music back, on 1.1.0.
+Scenario quietAcrossSwap(bool pause)
+{
+    return [=](FaultDevice& d) {
+        Setup setup;
+        setup.env = QStringList{QStringLiteral("OPLAYER_REF_TRACK_SECONDS=600")};
+        if (!d.start(setup) || !d.offer(QStringLiteral("1.1.0"), d.binaries().library110))
+            return;
+        if (!d.waitForLog(kSwapRequested, 10000))
+            return d.fail(QStringLiteral("no verified update waited for the end of the song"));
+        if (!player(d, pause ? "pause" : "stop"))
+            return;
+        const QString kept = pause ? QStringLiteral("INFO  [Orvello] The device's pause is kept across the library swap")
+                                   : QStringLiteral("INFO  [Orvello] The device's stop is kept across the library swap");
+        d.expectLog(kUpdated, 10000);
+        d.expectLog(kept, 5000);
+        const double before = d.bytes();
+        d.observe(12000);
+        if (d.bytes() > before)
+            d.fail(QStringLiteral("%1 bytes of audio heard in the 12 s after the swap").arg(d.bytes() - before));
+        d.expectState(pause ? 3 : 0);
+        d.expectVersion(QStringLiteral("1.1.0"));
+        d.expectLogOnce(kept);
+        if (player(d, "play"))
+            d.expectPlaying(5000, QStringLiteral("play after the swap"));
+        d.expectState(2);
+        d.expectVersion(QStringLiteral("1.1.0"));
+    };
+}
+
 void oddVolumes(FaultDevice& d)
 {
     if (!d.start(Setup()))
@@ -1074,6 +1106,8 @@ const std::vector<Fault> kFaults = {
     // The device's controls.
     {"stop-then-play", "the device's stop, then its play", "audio again within 5 s of the play", stopThenPlay, nullptr, AlsoAsan},
     {"pause-toggles", "21 pause toggles back to back, then one more", "paused after 21, playing (state 2, audio) after 22", pauseToggles, nullptr, AlsoAsan},
+    {"stop-across-swap", "the device's stop while a verified 1.1.0 waits for the end of a 10-minute song", "1.1.0 swapped in, 12 s without a sound, state 0, one INFO line; then play: 1.1.0 plays", quietAcrossSwap(false), nullptr, AlsoAsan},
+    {"pause-across-swap", "the device's pause while a verified 1.1.0 waits for the end of a 10-minute song", "1.1.0 swapped in, 12 s without a sound, state 3, one INFO line; then play: 1.1.0 plays", quietAcrossSwap(true), nullptr, AlsoAsan},
     {"odd-volumes", "volumes 150, -5, \"loud\", 50.5, null, true, 1e10, then 0, 100, 35", "the odd ones refused with 400 and the volume unchanged; plays on", oddVolumes, nullptr, AlsoAsan},
     {"odd-pairing-codes", "codes empty, short, long, non-ASCII, control characters, 10,000 letters, refused, a number, 100,000 digits", "each answered 200 or 422, then a good code pairs and plays", oddPairingCodes, nullptr, AlsoAsan},
     {"two-codes-at-once", "two pairing codes sent together", "both answered, the device plays", twoCodesAtOnce, nullptr, AlsoAsan},

@@ -167,6 +167,22 @@ struct PlayingRig
     std::unique_ptr<OrvelloPlayLogic> logic;
 };
 
+const QString kStopKept = QStringLiteral(
+    "The device's stop is kept across the library swap: the new library's own resume is answered with a pause; the "
+    "music comes back with the next play from the device");
+const QString kPauseKept = QStringLiteral(
+    "The device's pause is kept across the library swap: the new library's own resume is answered with a pause; the "
+    "music comes back with the next play or pause from the device");
+
+int keptLines(const LogCapture& log)
+{
+    return log.count(log4cplus::INFO_LOG_LEVEL, kStopKept) + log.count(log4cplus::INFO_LOG_LEVEL, kPauseKept);
+}
+
+// What leaves the music quiet before the library's loop ends, and what asks for it again.
+enum Quiet { DeviceStop, DevicePause, ServicePause };
+enum Again { DevicePlay, DevicePauseToggle, ServicePlay };
+
 } // namespace
 
 class TestOrvelloPlayLogic : public QObject
@@ -185,6 +201,10 @@ private Q_SLOTS:
     void deviceControlsWhileTheLibraryDelivers();
     void pendingConnectEndsWithThePlayback();
     void destroyedWhileTheLibraryDelivers();
+    void quietAcrossLibrarySwap_data();
+    void quietAcrossLibrarySwap();
+    void ownResumeAfterSwap_data();
+    void ownResumeAfterSwap();
 };
 
 void TestOrvelloPlayLogic::samplesFromBytes_data()
@@ -427,6 +447,129 @@ void TestOrvelloPlayLogic::destroyedWhileTheLibraryDelivers()
     QTest::qWait(100); // the library keeps offering meanwhile
     QCOMPARE(oplayertest::fakeSamplesTaken(), taken);
     QVERIFY(rig.lib->ok());
+}
+
+void TestOrvelloPlayLogic::quietAcrossLibrarySwap_data()
+{
+    QTest::addColumn<QByteArray>("modes");
+    QTest::addColumn<int>("quiet");
+    QTest::addColumn<int>("again");
+    QTest::newRow("stop; resumes at its first turn; device play") << QByteArray() << int(DeviceStop) << int(DevicePlay);
+    QTest::newRow("stop; resumes at create; service play") << QByteArray("early-audio") << int(DeviceStop) << int(ServicePlay);
+    QTest::newRow("pause; resumes at its first turn; device pause") << QByteArray() << int(DevicePause)
+                                                                    << int(DevicePauseToggle);
+    QTest::newRow("pause; resumes at create from two threads; device play")
+        << QByteArray("early-audio,two-threads") << int(DevicePause) << int(DevicePlay);
+    QTest::newRow("pause; resumes at create; service play") << QByteArray("early-audio") << int(DevicePause)
+                                                            << int(ServicePlay);
+    QTest::newRow("paused by the service: not kept") << QByteArray() << int(ServicePause) << int(ServicePlay);
+}
+
+// The library's loop ends (as for an update) while the music is quiet, and a new instance that
+// resumes its session by itself is created. A stop or pause from the device holds: none of the
+// new instance's audio is taken, the state stays, one INFO line says so; the device's next
+// play or pause, or a later play from the service, brings the music back on it.
+void TestOrvelloPlayLogic::quietAcrossLibrarySwap()
+{
+    QFETCH(QByteArray, modes);
+    QFETCH(int, quiet);
+    QFETCH(int, again);
+    PlayingRig rig(modes);
+    QTRY_COMPARE_WITH_TIMEOUT(rig.state(), int(VraxPlayLogicData::Playing), 10000);
+    QTRY_VERIFY(rig.bytes() > 0);
+    OPlayerPlaybackApi* library = rig.lib->playbackApi();
+    if (quiet == DeviceStop)
+        QVERIFY(!rig.player.stop().isError());
+    else if (quiet == DevicePause)
+        QVERIFY(!rig.player.pause().isError());
+    else
+        QVERIFY(library->pause()); // the service's app pauses: the library announces it
+    QTRY_COMPARE(rig.state(), int(quiet == DeviceStop ? VraxPlayLogicData::Stopped : VraxPlayLogicData::Paused));
+    const int quietState = rig.state();
+
+    LogCapture log;
+    rig.lib->requestExit(); // nothing plays: the loop ends at its next turn
+    QTRY_VERIFY_WITH_TIMEOUT(!rig.lib->ok(), 10000);
+    const std::uint64_t heard = rig.bytes();
+    // As an update does: the file is closed and opened again, so the new instance counts from 0.
+    rig.lib->unload();
+    qputenv("ORVELLO_FAKE_MODES", modes);
+    rig.lib->load();
+    qunsetenv("ORVELLO_FAKE_MODES");
+    QVERIFY(rig.lib->ok());
+    const unsigned long long taken = 0;
+
+    if (quiet == ServicePause) {
+        // Only the device's stop or pause holds: the new instance plays as it decides.
+        QTRY_COMPARE_WITH_TIMEOUT(rig.state(), int(VraxPlayLogicData::Playing), 10000);
+        QTRY_VERIFY(oplayertest::fakeSamplesTaken() > taken);
+        QCOMPARE(keptLines(log), 0);
+        return;
+    }
+    const QString kept = quiet == DeviceStop ? kStopKept : kPauseKept;
+    QTRY_VERIFY_WITH_TIMEOUT(log.contains(log4cplus::INFO_LOG_LEVEL, kept), 10000);
+    QTRY_VERIFY(library->isPaused());
+    QCOMPARE(rig.state(), quietState);
+    QCOMPARE(oplayertest::fakeSamplesTaken(), taken);
+    QCOMPARE(rig.bytes(), heard);
+    QCOMPARE(keptLines(log), 1);
+
+    if (again == DevicePlay)
+        QVERIFY(!rig.player.resume().isError());
+    else if (again == DevicePauseToggle)
+        QVERIFY(!rig.player.pause().isError());
+    else
+        QVERIFY(library->resume());
+    QTRY_COMPARE_WITH_TIMEOUT(rig.state(), int(VraxPlayLogicData::Playing), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(oplayertest::fakeSamplesTaken() > taken + 44100 * 2, 10000);
+    QTRY_VERIFY(rig.bytes() > heard);
+    QCOMPARE(keptLines(log), 1);
+    QVERIFY2(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty(), qPrintable(log.dump()));
+}
+
+void TestOrvelloPlayLogic::ownResumeAfterSwap_data()
+{
+    // What the library announces (1 paused, 0 playing) from the instance that ended, then from the
+    // new one; how many pauses the play logic sends it; how many INFO lines; the state after.
+    QTest::addColumn<QList<int>>("fromOld");
+    QTest::addColumn<QList<int>>("fromNew");
+    QTest::addColumn<int>("pausesSent");
+    QTest::addColumn<int>("infoLines");
+    QTest::addColumn<int>("state");
+    QTest::newRow("own resume") << QList<int>{} << QList<int>{0} << 1 << 1 << int(VraxPlayLogicData::Stopped);
+    QTest::newRow("the old instance's resume, then the own one")
+        << QList<int>{1, 0} << QList<int>{0} << 1 << 1 << int(VraxPlayLogicData::Stopped);
+    QTest::newRow("own resume, then a play from the service")
+        << QList<int>{} << QList<int>{0, 0} << 1 << 1 << int(VraxPlayLogicData::Starting);
+    QTest::newRow("starts paused, then a play from the service")
+        << QList<int>{} << QList<int>{1, 0} << 0 << 0 << int(VraxPlayLogicData::Starting);
+}
+
+// Which of the library's resumes after a held swap is its own: the first announcement of the new
+// instance, told from those still queued from the old one by the order of the event queue.
+void TestOrvelloPlayLogic::ownResumeAfterSwap()
+{
+    QFETCH(QList<int>, fromOld);
+    QFETCH(QList<int>, fromNew);
+    QFETCH(int, pausesSent);
+    QFETCH(int, infoLines);
+    QFETCH(int, state);
+    Rig rig;
+    QVERIFY(rig.startPlaying());
+    QVERIFY(!rig.player.stop().isError());
+    QCOMPARE(fake::pauses.load(), 1);
+
+    LogCapture log;
+    rig.bridge.announceLoopEnded();
+    for (int paused : fromOld)
+        rig.audio->pause_changed(rig.audio, paused);
+    QCOMPARE(rig.state(), int(VraxPlayLogicData::Stopped));
+    QCoreApplication::processEvents(); // what the old instance queued has been delivered
+    for (int paused : fromNew)
+        rig.audio->pause_changed(rig.audio, paused);
+    QCOMPARE(fake::pauses.load(), 1 + pausesSent);
+    QCOMPARE(keptLines(log), infoLines);
+    QCOMPARE(rig.state(), state);
 }
 
 QTEST_GUILESS_MAIN(TestOrvelloPlayLogic)

@@ -119,6 +119,7 @@ void OPlayerLib::mainLoop()
     LOG4CPLUS_INFO(logger, "End of oplayer main loop, cleaning up");
     interruptPairings();
     destroyInstance();
+    m_playbackApi.announceLoopEnded();
     Q_EMIT endOfLoop();
 }
 

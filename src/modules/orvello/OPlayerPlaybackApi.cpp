@@ -254,6 +254,16 @@ void OPlayerPlaybackApi::pump()
     Q_EMIT dataChanged(data, positionMs);
 }
 
+bool OPlayerPlaybackApi::hasLibrary() const
+{
+    return m_oplayer != nullptr;
+}
+
+void OPlayerPlaybackApi::announceLoopEnded()
+{
+    Q_EMIT loopEnded();
+}
+
 void OPlayerPlaybackApi::audioInit(oplayer_audio_api* api, int channels, int sampleRate)
 {
     OPlayerPlaybackApi* bridge = bridgeOf(api);

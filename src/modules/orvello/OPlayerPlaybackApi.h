@@ -69,10 +69,20 @@ public:
     // the owner's thread after every turn of the library's main loop.
     void pump();
 
+    // Whether a library instance is attached (setOPlayer with a handle). Owner's thread.
+    bool hasLibrary() const;
+    // Called by the host on the owner's thread once the instance has been destroyed at the end
+    // of its loop, before another is created: emits loopEnded there. Every call the old
+    // instance made into the audio table has returned by then.
+    void announceLoopEnded();
+
 Q_SIGNALS:
     void pauseChanged(bool paused);
     void volumeChanged(int volume);
     void dataChanged(const VraxStreamerData& data, long positionMs);
+    // The library instance is gone at the end of its loop; whatever is created next is another
+    // instance. On the owner's thread.
+    void loopEnded();
 
 private:
     // Each of these is logged once per bridge, the first time the library does it.

@@ -22,6 +22,9 @@ OrvelloPlayLogic::OrvelloPlayLogic(CMNodes* nodes, OPlayerPlaybackApi* playbackA
     , m_outputChannels(0)
     , m_outputRate(0)
     , m_connectPending(false)
+    , m_quietFromDevice(false)
+    , m_holding(false)
+    , m_ownResume(OwnResume::None)
 {
     m_playbackApi->setAudioInitCb([this](int channels, int rate) {
         LOG4CPLUS_DEBUG(logger, "Enter " << ORVELLO_FUNCTION << ": "
@@ -43,7 +46,7 @@ OrvelloPlayLogic::OrvelloPlayLogic(CMNodes* nodes, OPlayerPlaybackApi* playbackA
             m_audioTransfer->flush();
     });
     m_playbackApi->setAudioDataCb([this](const short* samples, unsigned long count, unsigned int* out) -> unsigned long {
-        if (!m_audioTransfer->connected()) {
+        if (m_holding || !m_audioTransfer->connected()) {
             if (out)
                 *out = 0;
             return 0;
@@ -60,6 +63,7 @@ OrvelloPlayLogic::OrvelloPlayLogic(CMNodes* nodes, OPlayerPlaybackApi* playbackA
     m_systemVolume.enable();
     vraxConnect(m_playbackApi, &OPlayerPlaybackApi::volumeChanged, this, &OrvelloPlayLogic::on_playbackApi_volumeChanged);
     vraxConnect(&m_systemVolume, &SystemVolumeProxy::volumeChanged, this, &OrvelloPlayLogic::on_systemVolume_volumeChanged);
+    vraxConnect(m_playbackApi, &OPlayerPlaybackApi::loopEnded, this, &OrvelloPlayLogic::on_playbackApi_loopEnded);
 
     // The library may have announced its state before anyone listened (it may start at create,
     // from its own thread). What it announced after the connections above arrives once more,
@@ -133,6 +137,7 @@ void OrvelloPlayLogic::on_systemVolume_volumeChanged(int volume)
 void OrvelloPlayLogic::playInternal(const CMSetDataRequest& request, const VraxPlayLogicPlayArgs& args)
 {
     LOG4CPLUS_DEBUG(logger, "Enter " << ORVELLO_FUNCTION);
+    endHold();
     m_lastStreamerData = VraxStreamerData();
     VraxPlayLogicData d = data();
     VraxPlayLogicControls controls;
@@ -152,15 +157,26 @@ void OrvelloPlayLogic::playInternal(const CMSetDataRequest& request, const VraxP
 void OrvelloPlayLogic::pauseInternal(const CMSetDataRequest& request)
 {
     LOG4CPLUS_DEBUG(logger, "Enter " << ORVELLO_FUNCTION);
-    if (data().state() == VraxPlayLogicData::Paused)
+    const int state = data().state();
+    if (state == VraxPlayLogicData::Paused) {
+        endHold();
         m_playbackApi->resume();
-    else
+    } else {
+        // Pressed while stopped it changes nothing: the stop, or its absence, stands.
+        if (state != VraxPlayLogicData::Stopped)
+            m_quietFromDevice = true;
         m_playbackApi->pause();
+    }
     request.reply().setValue(QVariant());
 }
 
+// An end of playback while a library runs counts as the device's: its stop button, another
+// source taking the device over, or the module giving up on the pipeline; none of them is for a
+// new library instance to undo. Without a library it is the worker's, which has nothing to keep.
 void OrvelloPlayLogic::playbackEnded()
 {
+    if (m_playbackApi->hasLibrary())
+        m_quietFromDevice = true;
     // A connect still waiting for the format belongs to the playback that ends here.
     m_connectPending = false;
     m_playbackApi->pause();
@@ -180,6 +196,25 @@ void OrvelloPlayLogic::on_playbackApi_pauseChanged(bool paused)
 {
     LOG4CPLUS_DEBUG(logger, "Enter " << ORVELLO_FUNCTION << ": "
                                      << "Paused: " << paused);
+    if (m_ownResume == OwnResume::AfterOldInstance && !paused)
+        return; // from the instance that is gone: nothing to resume
+    if (m_ownResume == OwnResume::Next) {
+        m_ownResume = OwnResume::None;
+        if (!paused) {
+            m_playbackApi->pause();
+            if (data().state() == VraxPlayLogicData::Stopped)
+                LOG4CPLUS_INFO(logger, "The device's stop is kept across the library swap: the new library's own "
+                                       "resume is answered with a pause; the music comes back with the next play "
+                                       "from the device");
+            else
+                LOG4CPLUS_INFO(logger, "The device's pause is kept across the library swap: the new library's own "
+                                       "resume is answered with a pause; the music comes back with the next play "
+                                       "or pause from the device");
+            return;
+        }
+    }
+    if (!paused)
+        endHold();
     const int state = data().state();
     if (!paused && state == VraxPlayLogicData::Stopped) {
         startNewPlayback();
@@ -190,6 +225,36 @@ void OrvelloPlayLogic::on_playbackApi_pauseChanged(bool paused)
         const CMSetDataRequest request(CMPath(), VraxRoles::Value(), QVariant(), CMVoidReply());
         StreamerPlayLogic::pauseInternal(request);
     }
+}
+
+void OrvelloPlayLogic::on_playbackApi_loopEnded()
+{
+    if (!m_quietFromDevice)
+        return;
+    m_holding = true;
+    m_ownResume = OwnResume::AfterOldInstance;
+    // A pause pressed just before the loop ended that the old instance never confirmed.
+    if (data().state() == VraxPlayLogicData::Playing) {
+        const CMSetDataRequest request(CMPath(), VraxRoles::Value(), QVariant(), CMVoidReply());
+        StreamerPlayLogic::pauseInternal(request);
+    }
+    LOG4CPLUS_DEBUG(logger, "The library's loop ended while the device was stopped or paused; the next instance's "
+                            "audio is not taken until the device plays, and its own resume is answered with a pause");
+    // Queued behind every announcement the old instance made, ahead of any of the new one's.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (m_ownResume == OwnResume::AfterOldInstance)
+                m_ownResume = OwnResume::Next;
+        },
+        Qt::QueuedConnection);
+}
+
+void OrvelloPlayLogic::endHold()
+{
+    m_holding = false;
+    m_ownResume = OwnResume::None;
+    m_quietFromDevice = false;
 }
 
 void OrvelloPlayLogic::startNewPlayback()

@@ -17,8 +17,8 @@ class OrvelloAudioTransfer;
 // library's PCM goes to the audio pipeline through the audio transfer.
 //
 // Lives on the worker's thread. The four audio callbacks it installs on the bridge run on the
-// library's threads and touch only the audio transfer and the atomic format members (the init
-// callback may also start the transfer's connection from there).
+// library's threads and touch only the audio transfer, the atomic format members and the hold
+// flag (the init callback may also start the transfer's connection from there).
 class OrvelloPlayLogic : public StreamerPlayLogic
 {
     Q_OBJECT
@@ -43,6 +43,11 @@ public:
     void on_playbackApi_pauseChanged(bool paused);
     void on_playbackApi_volumeChanged(int volume);
     void on_systemVolume_volumeChanged(int volume);
+    // The library's instance ended with its loop (an update swap, or the library ending it). A
+    // stop or pause from the device that is still in force is kept for the next instance: none
+    // of its audio is taken, and its own first resume is answered with a pause, until the device
+    // plays again or a later resume (a play from the service) comes.
+    void on_playbackApi_loopEnded();
 
 protected:
     void playInternal(const CMSetDataRequest& request, const VraxPlayLogicPlayArgs& args) override;
@@ -56,6 +61,8 @@ private:
     void startNewPlayback();
     // Connects when a connection is pending and the format is known, exactly once per request.
     void connectIfPendingAndFormatKnown();
+    // The device or the service wants music again: the kept stop or pause is over.
+    void endHold();
 
     OPlayerPlaybackApi* m_playbackApi;
     std::unique_ptr<OrvelloAudioTransfer> m_audioTransfer;
@@ -67,4 +74,19 @@ private:
     std::atomic<qint32> m_outputRate;
     std::atomic<bool> m_connectPending;
     VraxStreamerData m_lastStreamerData;
+
+    // A stop or pause from the device that nothing has undone since (a play, a resume).
+    bool m_quietFromDevice;
+    // Set while a stop or pause is kept across a new library instance: the data callback takes
+    // nothing. Read on the library's threads.
+    std::atomic<bool> m_holding;
+    // Which of the library's pause announcements is its own resume of its session.
+    enum class OwnResume {
+        None,
+        // Announcements still queued from the instance that ended: not the new one's.
+        AfterOldInstance,
+        // The new instance's first announcement: a resume is its own, a pause means it waits.
+        Next,
+    };
+    OwnResume m_ownResume;
 };
