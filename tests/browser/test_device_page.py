@@ -231,8 +231,9 @@ class DevicePage(unittest.TestCase):
 
     def test_good_code_pairs_and_shows_the_track(self):
         self.open_device()
-        self.assertEqual(self.text('state'), 'Not started')
-        self.assertEqual(self.text('version'), 'not loaded')
+        # The page fills in what it shows from its first event, which may still be on its way.
+        self.wait_text('state', 'Not started')
+        self.wait_text('version', 'not loaded')
         self.type_code('ABC-DEF')
         self.wait(lambda: self.pairing_status() == 'Sent; the device is working on it…', 'no pending status')
         self.wait(lambda: self.pairing_status() == 'Accepted.', lambda: f'status {self.pairing_status()!r}')
