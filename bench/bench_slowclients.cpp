@@ -65,8 +65,12 @@ Figures measure(int port, const QString& path, const Options& options)
         client->head = "GET " + path.toLatin1() + " HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port)
                        + "\r\nX-Padding: " + padding + "\r\n\r\n";
         client->socket.connectToHost(QHostAddress::LocalHost, quint16(port));
-        if (client->socket.waitForConnected(5000))
+        if (client->socket.waitForConnected(5000)) {
             ++figures.connected;
+            client->socket.write(client->head.left(1));
+            client->socket.flush();
+            client->sent = 1;
+        }
         SlowClient* raw = client.get();
         QObject::connect(&client->socket, &QTcpSocket::disconnected, [raw, &clock] {
             if (raw->droppedAtMs < 0)
