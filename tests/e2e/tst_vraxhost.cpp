@@ -2,6 +2,7 @@
 // message, the control API's answers to requests as people type them, and a clean exit on SIGINT
 // and SIGTERM with pages open.
 #include "ChildProcesses.h"
+#include "RawHttp.h"
 
 #include <QDir>
 #include <QFile>
@@ -30,36 +31,6 @@ int startHost(QProcess* host, const QTemporaryDir& dir)
     const QByteArray line = host->readLine().trimmed();
     const QByteArray prefix = "control API listening on 127.0.0.1:";
     return line.startsWith(prefix) ? line.mid(prefix.size()).toInt() : 0;
-}
-
-struct HttpAnswer
-{
-    int status = 0;
-    QByteArray head;
-    QByteArray body;
-};
-
-// Sends a request exactly as written (curl -X POST sends no body and no Content-Length) and
-// reads the answer to the end of the connection.
-HttpAnswer rawRequest(int port, const QByteArray& request)
-{
-    QTcpSocket socket;
-    socket.connectToHost(QHostAddress::LocalHost, quint16(port));
-    HttpAnswer answer;
-    if (!socket.waitForConnected(5000))
-        return answer;
-    socket.write(request);
-    QByteArray all;
-    while (socket.state() == QAbstractSocket::ConnectedState && socket.waitForReadyRead(20000))
-        all += socket.readAll();
-    all += socket.readAll();
-    const int end = all.indexOf("\r\n\r\n");
-    if (end < 0)
-        return answer;
-    answer.head = all.left(end);
-    answer.body = all.mid(end + 4);
-    answer.status = answer.head.mid(9, 3).toInt();
-    return answer;
 }
 
 } // namespace
@@ -182,8 +153,8 @@ void TestVraxHost::controlApiAnswers()
     const int split = request.indexOf("\r\n\r\n");
     const QByteArray head = split < 0 ? request : request.left(split);
     const QByteArray body = split < 0 ? QByteArray() : request.mid(split + 4);
-    const HttpAnswer answer
-        = rawRequest(m_port, head + "\r\nHost: 127.0.0.1:" + QByteArray::number(m_port) + "\r\nConnection: close\r\n\r\n" + body);
+    const RawHttpAnswer answer
+        = rawHttp(m_port, head + "\r\nHost: 127.0.0.1:" + QByteArray::number(m_port) + "\r\nConnection: close\r\n\r\n" + body);
     QCOMPARE(answer.status, status);
     if (!header.isEmpty())
         QVERIFY2(answer.head.contains(header), answer.head.constData());
