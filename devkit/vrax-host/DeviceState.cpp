@@ -108,6 +108,8 @@ QJsonObject pipeline(const vrax::DevicePlayer& player, HostOptions::Pace pace)
         {QStringLiteral("flushes"), double(counters.flushes)},
         {QStringLiteral("underruns"), double(counters.underruns)},
         {QStringLiteral("connections"), double(counters.connections)},
+        {QStringLiteral("droppedStrangers"), double(counters.droppedStrangers)},
+        {QStringLiteral("refusedPeers"), double(counters.refusedPeers)},
         {QStringLiteral("sampleRate"), counters.format.sampleRate()},
         {QStringLiteral("channels"), counters.format.channels()},
         {QStringLiteral("pace"), QString::fromLatin1(vrax::AudioPipeline::toString(
