@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <system_error>
 #include <thread>
 #include <vector>
 
