@@ -1,7 +1,7 @@
 // orvello-service: the Orvello Streams update service on loopback, for tests and the demo.
 // Serves the configuration document and the library files of one directory, logs every
 // request with the device headers, and fails on demand.
-#include <httplib.h>
+#include "LocalHttpServer.h"
 
 #include <QByteArray>
 #include <QCryptographicHash>
@@ -162,8 +162,18 @@ class Service
 {
 public:
     Service(QString dir, QString version, QString library, Faults faults)
-        : m_dir(std::move(dir)), m_version(std::move(version)), m_library(std::move(library)), m_faults(std::move(faults))
+        : m_server(devkit::LocalHttpServer::Limits(), errorBody)
+        , m_dir(std::move(dir))
+        , m_version(std::move(version))
+        , m_library(std::move(library))
+        , m_faults(std::move(faults))
     {
+        // It serves no pages: nothing of it may run or be framed in a browser.
+        m_server.setContentSecurityPolicy("default-src 'none'; frame-ancestors 'none'");
+        m_server.onRefused([](const std::string& line) {
+            std::fprintf(stderr, "orvello-service: %s\n", line.c_str());
+            std::fflush(stderr);
+        });
         m_server.Get("/config.json", [this](const httplib::Request&, httplib::Response& res) { serveConfig(res); });
         m_server.Get(R"(/files/([^/]+))", [this](const httplib::Request& req, httplib::Response& res) {
             serveFile(req.matches[1].str(), res);
@@ -188,7 +198,11 @@ public:
         *boundPort = port;
         return m_server.bind_to_port("127.0.0.1", port);
     }
-    void setPort(int port) { m_port = port; }
+    void setPort(int port)
+    {
+        m_port = port;
+        m_server.setOwnPort(port);
+    }
     bool run() { return m_server.listen_after_bind(); }
     void stop() { m_server.stop(); }
 
@@ -316,8 +330,7 @@ private:
     {
         auto refuse = [&res](const QString& why) {
             res.status = 400;
-            res.set_content(QJsonDocument(QJsonObject{{QStringLiteral("error"), why}}).toJson(QJsonDocument::Compact).toStdString(),
-                            "application/json");
+            res.set_content(errorBody(why.toStdString()), "application/json");
         };
         QJsonParseError parseError;
         const QJsonDocument doc = QJsonDocument::fromJson(QByteArray::fromStdString(req.body), &parseError);
@@ -406,7 +419,14 @@ private:
         return (version + QStringLiteral(".9")).leftJustified(kLongVersionLength, QLatin1Char('9'), true);
     }
 
-    httplib::Server m_server;
+    static std::string errorBody(const std::string& why)
+    {
+        return QJsonDocument(QJsonObject{{QStringLiteral("error"), QString::fromStdString(why)}})
+            .toJson(QJsonDocument::Compact)
+            .toStdString();
+    }
+
+    devkit::LocalHttpServer m_server;
     const QString m_dir;
     int m_port = 0;
     std::mutex m_mutex;

@@ -1,6 +1,9 @@
 #include "ControlApi.h"
 
-#include <httplib.h>
+#include "LocalHttpServer.h"
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
 
 #include <QCoreApplication>
 #include <QJsonDocument>
@@ -14,6 +17,8 @@
 #include <sys/socket.h>
 
 namespace {
+log4cplus::Logger logger = log4cplus::Logger::getInstance("ControlApi");
+
 // A request that the platform leaves unanswered this long gets 504.
 constexpr auto kAnswerTimeout = std::chrono::seconds(30);
 // An idle event stream sends a comment this often, so a page that went away frees its thread.
@@ -75,15 +80,19 @@ bool ControlApi::Dispatcher::event(QEvent* event)
 }
 
 ControlApi::ControlApi(QObject* context)
-    : m_dispatcher(new Dispatcher(context)), m_server(std::make_unique<httplib::Server>())
+    : m_dispatcher(new Dispatcher(context))
+    , m_server(std::make_unique<devkit::LocalHttpServer>(
+          devkit::LocalHttpServer::Limits{kMaxConnections},
+          [](const std::string& reason) { return errorBody(QString::fromStdString(reason)).toStdString(); }))
 {
+    m_server->setContentSecurityPolicy(kContentSecurityPolicy);
+    m_server->onRefused([](const std::string& line) { LOG4CPLUS_WARN(logger, line); });
     // One listener per port: without SO_REUSEPORT a second host on a busy port fails to bind.
     m_server->set_socket_options([this](int sock) {
         int yes = 1;
         setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
         m_listenSocket = sock;
     });
-    m_server->new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
     m_server->set_keep_alive_timeout(kKeepAliveTimeoutSeconds);
     m_server->set_payload_max_length(kMaxBody);
     // The server's own refusals (unknown path, unreadable request) get a JSON body like ours.
@@ -276,6 +285,7 @@ bool ControlApi::listen(int port, QString* error)
         }
         m_port = port;
     }
+    m_server->setOwnPort(m_port);
     // The server listens with a backlog of 5: a page opening its files and event stream at once
     // beside other clients overflows it, and a connection refused there is retried by the
     // client's TCP only a second later.

@@ -21,21 +21,32 @@
 #include <vector>
 
 namespace httplib {
-class Server;
 struct Request;
 struct Response;
+}
+namespace devkit {
+class LocalHttpServer;
 }
 
 // The device emulator's control API and its web page: JSON over HTTP on 127.0.0.1. Requests
 // arrive on the HTTP server's threads and are handled on the thread of the given context object
 // (the platform's main thread), which answers them, at once or later (when a platform reply
 // comes). Every error answer is JSON: {"ok": false, "error": {"message": ...}}.
+//
+// It answers only its own (devkit::LocalHttpServer): requests for another Host, from pages of
+// other origins, and state changes whose body is not JSON get 403; slow clients are dropped.
+// Refusals are logged at WARN on the "ControlApi" logger.
 class ControlApi
 {
 public:
-    // Each open page holds a server thread for its event stream; requests need threads beside them.
+    // Each open page holds a connection (and a server thread) for its event stream; requests
+    // need connections beside them.
     static constexpr int kMaxEventStreams = 8;
-    static constexpr int kThreads = kMaxEventStreams + 8;
+    static constexpr int kMaxConnections = 32;
+    // What the page may load: its own files, and artwork pictures from the player library's
+    // https URLs (a service's artwork lives on its own servers).
+    static constexpr const char* kContentSecurityPolicy
+        = "default-src 'self'; img-src 'self' https:; frame-ancestors 'none'; form-action 'self'; base-uri 'none'";
 
     struct Request
     {
@@ -110,7 +121,7 @@ private:
     Dispatcher* m_dispatcher; // a child of the context
     std::vector<std::pair<std::string, std::regex>> m_routes;
     std::vector<EventHub*> m_hubs;
-    std::unique_ptr<httplib::Server> m_server;
+    std::unique_ptr<devkit::LocalHttpServer> m_server;
     std::thread m_thread;
     std::atomic<bool> m_serving{false};
     int m_port = 0;

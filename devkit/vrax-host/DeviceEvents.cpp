@@ -97,9 +97,9 @@ void DeviceEvents::publishValues()
         auto* node = qobject_cast<CMValueNode*>(m_platform->node(CMPath(path)));
         if (!node)
             continue;
-        m_hub->publish(EventHub::event("value", QJsonObject{{QStringLiteral("path"), path},
-                                                            {QStringLiteral("value"),
-                                                             QJsonValue::fromVariant(node->value().toVariant())}}));
+        QJsonObject data{{QStringLiteral("path"), path}};
+        deviceState::insertValue(&data, path, node->value().toVariant());
+        m_hub->publish(EventHub::event("value", data));
     }
 }
 

@@ -19,6 +19,24 @@ QString stringSetting(const CMPath& path)
 }
 } // namespace
 
+bool isSecret(const QString& path)
+{
+    return path == VraxOrvelloTokenPath().toString() || path == VraxOrvelloVendorSecretPath().toString();
+}
+
+void insertValue(QJsonObject* json, const QString& path, const QVariant& value)
+{
+    if (!isSecret(path)) {
+        json->insert(QStringLiteral("value"), QJsonValue::fromVariant(value));
+        return;
+    }
+    bool set = false;
+    for (const QVariant& typed : value.toHash())
+        set = set || !typed.toString().isEmpty();
+    json->insert(QStringLiteral("secret"), true);
+    json->insert(QStringLiteral("set"), set);
+}
+
 QJsonObject node(const CMNode* node)
 {
     QJsonObject json{{QStringLiteral("path"), node->path().toString()}};
@@ -26,7 +44,7 @@ QJsonObject node(const CMNode* node)
         json.insert(QStringLiteral("title"), ui->title().toString());
     if (auto* value = qobject_cast<const CMValueNode*>(node)) {
         json.insert(QStringLiteral("kind"), QStringLiteral("value"));
-        json.insert(QStringLiteral("value"), QJsonValue::fromVariant(value->value().toVariant()));
+        insertValue(&json, node->path().toString(), value->value().toVariant());
     } else if (auto* list = qobject_cast<const CMListRowsNode*>(node)) {
         QJsonArray rows;
         for (const CMPath& row : list->rows())
@@ -90,6 +108,8 @@ QJsonObject pipeline(const vrax::DevicePlayer& player, HostOptions::Pace pace)
         {QStringLiteral("flushes"), double(counters.flushes)},
         {QStringLiteral("underruns"), double(counters.underruns)},
         {QStringLiteral("connections"), double(counters.connections)},
+        {QStringLiteral("droppedStrangers"), double(counters.droppedStrangers)},
+        {QStringLiteral("refusedPeers"), double(counters.refusedPeers)},
         {QStringLiteral("sampleRate"), counters.format.sampleRate()},
         {QStringLiteral("channels"), counters.format.channels()},
         {QStringLiteral("pace"), QString::fromLatin1(vrax::AudioPipeline::toString(

@@ -7,6 +7,7 @@
 #include <QString>
 
 class CMNode;
+class QVariant;
 namespace vrax {
 class DevicePlayer;
 class Platform;
@@ -16,7 +17,14 @@ class Platform;
 // events. Main thread.
 namespace deviceState {
 
-// path, kind (list, value, action, node), title, and value or rows.
+// Settings whose value never leaves the host (the pairing token, the vendor's secret): the
+// control API, the page and the host's log say only whether one is set.
+bool isSecret(const QString& path);
+// Inserts what may be shown of the typed value at path into json: "value", or for a secret
+// "secret": true and "set" (a non-empty value).
+void insertValue(QJsonObject* json, const QString& path, const QVariant& value);
+
+// path, kind (list, value, action, node), title, and value (as insertValue gives it) or rows.
 QJsonObject node(const CMNode* node);
 // Every published node, by path.
 QJsonArray nodes(const vrax::Platform& platform);

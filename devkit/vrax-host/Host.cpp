@@ -207,8 +207,9 @@ void Host::addRoutes()
             response->error(400, QStringLiteral("path is missing"));
             return;
         }
-        response->send(200, QJsonObject{{QStringLiteral("path"), path},
-                                        {QStringLiteral("value"), QJsonValue::fromVariant(CMRoot()->getValue(CMPath(path)))}});
+        QJsonObject answer{{QStringLiteral("path"), path}};
+        deviceState::insertValue(&answer, path, CMRoot()->getValue(CMPath(path)));
+        response->send(200, answer);
     });
 
     // POST {"path", "value"} handed to the platform; the platform reply's outcome is the answer.

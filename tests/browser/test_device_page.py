@@ -93,7 +93,8 @@ class Device:
 
     def api(self, method, path, body=None):
         data = None if body is None else json.dumps(body).encode()
-        request = urllib.request.Request(self.url.rstrip('/') + path, data=data, method=method)
+        headers = {} if body is None else {'Content-Type': 'application/json'}
+        request = urllib.request.Request(self.url.rstrip('/') + path, data=data, method=method, headers=headers)
         try:
             with urllib.request.urlopen(request, timeout=40) as answer:
                 return answer.status, json.load(answer)
@@ -125,19 +126,25 @@ class Device:
             raise RuntimeError(f'vrax-host ended with {code}:\n{self.log()}')
 
 
+def chromium(profile, *switches):
+    """Debian's headless Chromium through chromedriver, with its console kept for get_log('browser')."""
+    options = webdriver.ChromeOptions()
+    options.binary_location = os.environ['CHROMIUM']
+    # The network is closed: without the background-networking switches Chromium's own
+    # connections are refused and slow everything down.
+    for switch in ('--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+                   '--disable-background-networking', '--disable-component-update', '--disable-sync',
+                   f'--user-data-dir={profile}', '--window-size=1280,1000') + switches:
+        options.add_argument(switch)
+    options.set_capability('goog:loggingPrefs', {'browser': 'ALL'})
+    return webdriver.Chrome(service=Service(executable_path=os.environ['CHROMEDRIVER']), options=options)
+
+
 class DevicePage(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.profile = tempfile.mkdtemp(prefix='chromium-profile-')
-        options = webdriver.ChromeOptions()
-        options.binary_location = os.environ['CHROMIUM']
-        # The network is closed: without the background-networking switches Chromium's own
-        # connections are refused and slow everything down.
-        for switch in ('--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-                       '--disable-background-networking', '--disable-component-update', '--disable-sync',
-                       f'--user-data-dir={cls.profile}', '--window-size=1280,1000'):
-            options.add_argument(switch)
-        cls.driver = webdriver.Chrome(service=Service(executable_path=os.environ['CHROMEDRIVER']), options=options)
+        cls.driver = chromium(cls.profile)
         cls.screenshots = os.environ['SCREENSHOT_DIR']
         os.makedirs(cls.screenshots, exist_ok=True)
 
@@ -324,6 +331,19 @@ class DevicePage(unittest.TestCase):
         self.wait_text('state', 'Playing')
         ActionChains(self.driver).send_keys(Keys.TAB * 3, Keys.SPACE).perform()
         self.wait_text('state', 'Paused')
+
+    def test_page_keeps_to_its_policy(self):
+        # The page's Content-Security-Policy lets it load its own files and the library's https
+        # artwork: Chromium asks for the picture (the .invalid host then fails) and reports no violation.
+        self.driver.get_log('browser')
+        self.open_device()
+        self.pair_through_api()
+        self.wait(lambda: self.device.play_logic()['icon'].startswith('https://'), 'no artwork URL')
+        console = []
+        self.wait(lambda: console.extend(self.driver.get_log('browser')) or
+                  any('art.oplayer-ref.invalid' in entry['message'] for entry in console),
+                  lambda: f'Chromium never asked for the artwork: {console}')
+        self.assertEqual([entry['message'] for entry in console if 'Content Security Policy' in entry['message']], [])
 
     def test_phone_width(self):
         self.open_device()

@@ -2,6 +2,7 @@
 // message, the control API's answers to requests as people type them, and a clean exit on SIGINT
 // and SIGTERM with pages open.
 #include "ChildProcesses.h"
+#include "RawHttp.h"
 
 #include <QDir>
 #include <QFile>
@@ -30,36 +31,6 @@ int startHost(QProcess* host, const QTemporaryDir& dir)
     const QByteArray line = host->readLine().trimmed();
     const QByteArray prefix = "control API listening on 127.0.0.1:";
     return line.startsWith(prefix) ? line.mid(prefix.size()).toInt() : 0;
-}
-
-struct HttpAnswer
-{
-    int status = 0;
-    QByteArray head;
-    QByteArray body;
-};
-
-// Sends a request exactly as written (curl -X POST sends no body and no Content-Length) and
-// reads the answer to the end of the connection.
-HttpAnswer rawRequest(int port, const QByteArray& request)
-{
-    QTcpSocket socket;
-    socket.connectToHost(QHostAddress::LocalHost, quint16(port));
-    HttpAnswer answer;
-    if (!socket.waitForConnected(5000))
-        return answer;
-    socket.write(request);
-    QByteArray all;
-    while (socket.state() == QAbstractSocket::ConnectedState && socket.waitForReadyRead(20000))
-        all += socket.readAll();
-    all += socket.readAll();
-    const int end = all.indexOf("\r\n\r\n");
-    if (end < 0)
-        return answer;
-    answer.head = all.left(end);
-    answer.body = all.mid(end + 4);
-    answer.status = answer.head.mid(9, 3).toInt();
-    return answer;
 }
 
 } // namespace
@@ -151,7 +122,8 @@ void TestVraxHost::controlApiAnswers_data()
                                                             << QStringLiteral("Nothing is playing") << QByteArray();
     QTest::newRow("POST without a body needs fields") << QByteArray("POST /api/value HTTP/1.1") << 400
                                                       << QStringLiteral("the body needs a \"path\" string") << QByteArray();
-    QTest::newRow("body not JSON") << QByteArray("POST /api/volume HTTP/1.1\r\nContent-Length: 8\r\n\r\nvolume=3") << 400
+    QTest::newRow("body not JSON") << QByteArray("POST /api/volume HTTP/1.1\r\nContent-Type: application/json\r\n"
+                                                 "Content-Length: 8\r\n\r\nvolume=3") << 400
                                    << QStringLiteral("the body must be a JSON object") << QByteArray();
     QTest::newRow("unknown path") << QByteArray("GET /api/nothing HTTP/1.1") << 404
                                   << QStringLiteral("there is nothing at /api/nothing") << QByteArray();
@@ -162,6 +134,11 @@ void TestVraxHost::controlApiAnswers_data()
                                           << QByteArray("Allow: GET, POST");
     QTest::newRow("the page") << QByteArray("GET / HTTP/1.1") << 200 << QStringLiteral("<title>Vrax device</title>")
                               << QByteArray("Content-Type: text/html");
+    QTest::newRow("the page is not framed") << QByteArray("GET / HTTP/1.1") << 200 << QStringLiteral("<title>Vrax device</title>")
+                                            << QByteArray("Content-Security-Policy: default-src 'self'; img-src 'self' https:; "
+                                                          "frame-ancestors 'none'");
+    QTest::newRow("the script is not sniffed") << QByteArray("GET /app.js HTTP/1.1") << 200 << QStringLiteral("'use strict';")
+                                               << QByteArray("X-Content-Type-Options: nosniff");
 }
 
 void TestVraxHost::controlApiAnswers()
@@ -176,7 +153,8 @@ void TestVraxHost::controlApiAnswers()
     const int split = request.indexOf("\r\n\r\n");
     const QByteArray head = split < 0 ? request : request.left(split);
     const QByteArray body = split < 0 ? QByteArray() : request.mid(split + 4);
-    const HttpAnswer answer = rawRequest(m_port, head + "\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n" + body);
+    const RawHttpAnswer answer
+        = rawHttp(m_port, head + "\r\nHost: 127.0.0.1:" + QByteArray::number(m_port) + "\r\nConnection: close\r\n\r\n" + body);
     QCOMPARE(answer.status, status);
     if (!header.isEmpty())
         QVERIFY2(answer.head.contains(header), answer.head.constData());
@@ -223,7 +201,7 @@ void TestVraxHost::stopsCleanlyOnSignal()
         pages.push_back(std::make_unique<QTcpSocket>());
         pages.back()->connectToHost(QHostAddress::LocalHost, quint16(port));
         QVERIFY(pages.back()->waitForConnected(5000));
-        pages.back()->write("GET /api/events HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        pages.back()->write("GET /api/events HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port) + "\r\n\r\n");
         QVERIFY(pages.back()->waitForBytesWritten(5000));
     }
     // The server takes the connections in no particular order: any one of them is the ninth.

@@ -17,6 +17,7 @@
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QSaveFile>
 #include <QTcpServer>
@@ -554,6 +555,76 @@ void stopThenPlay(FaultDevice& d)
         d.fail(QStringLiteral("the play logic is not stopped after a stop"));
     if (player(d, "play"))
         d.expectPlaying(5000, QStringLiteral("play after stop"));
+}
+
+// ---- the audio socket ---------------------------------------------------------------------------
+// A local program on the pipeline's socket (tests/faults/audio_stranger.cpp), of the device's own
+// account or of another one (uid 65534). It is there before the host starts and connects the
+// moment each pipeline listens, ahead of the module's sender; the device is stopped and played a
+// few times, so every play is a new pipeline it races to.
+
+const QString kAudioSocket = QStringLiteral("/tmp/orvello/smt2socketaddress");
+const QString kDroppedStranger = QStringLiteral("WARN  [AudioPipeline] Dropped a client of /tmp/orvello/smt2socketaddress "
+                                                "before its handshake: ");
+constexpr int kHandshakeTimeoutMs = 2000;
+constexpr int kStrangerSeconds = 150;
+// The race is the stranger's to lose now and then: plays go on until it has won twice.
+constexpr int kStrangerWins = 2;
+constexpr int kStrangerMinPlays = 2;
+constexpr int kStrangerMaxPlays = 12;
+constexpr int kOtherAccountPlays = 4;
+
+Scenario audioStranger(const QString& mode, bool otherAccount, const QString& dropped)
+{
+    return [=](FaultDevice& d) {
+        auto stranger = std::make_shared<QProcess>();
+        stranger->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        Setup setup;
+        setup.beforeHost = [&d, stranger, mode, otherAccount] {
+            const QStringList arguments{QStringLiteral(AUDIO_STRANGER_PATH), kAudioSocket, mode, QString::number(kStrangerSeconds)};
+            if (otherAccount)
+                stranger->start(QStringLiteral("setpriv"), QStringList{QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
+                                                                       QStringLiteral("--clear-groups")} + arguments);
+            else
+                stranger->start(arguments.first(), arguments.mid(1));
+            if (!stranger->waitForStarted(5000) || !d.observeUntil([&] { return stranger->canReadLine(); }, 5000)) {
+                d.setupError(QStringLiteral("the stranger did not start: %1").arg(stranger->errorString()));
+                return false;
+            }
+            return true;
+        };
+        if (!d.start(setup))
+            return;
+        // The stranger costs the module at most the handshake timeout; a start takes the rest.
+        const auto drops = [&d, dropped] { return int(d.log().filter(kDroppedStranger + dropped).size()); };
+        int plays = 0;
+        const auto morePlays = [&] {
+            if (otherAccount)
+                return plays < kOtherAccountPlays;
+            return plays < kStrangerMinPlays || (plays < kStrangerMaxPlays && drops() < kStrangerWins);
+        };
+        while (morePlays()) {
+            if (!player(d, "stop") || !d.observeUntil([&d] { return d.playState() == 0; }, 5000))
+                return d.fail(QStringLiteral("the device did not stop"));
+            ++plays;
+            if (player(d, "play"))
+                d.expectPlaying(kHandshakeTimeoutMs + 3000, QStringLiteral("a play with a stranger on the audio socket"));
+        }
+        const QString said = QString::fromLocal8Bit(stranger->readAllStandardOutput());
+        stranger->kill();
+        stranger->waitForFinished(5000);
+        if (otherAccount) {
+            // The socket file is the device user's alone: the stranger never got a connection.
+            if (said.contains(QStringLiteral("connected")) || !said.contains(QStringLiteral("refused: Permission denied")))
+                d.fail(QStringLiteral("the other account's program was not refused by the file mode: %1").arg(said.simplified()));
+            d.expectNoLog(kDroppedStranger);
+        } else if (drops() == 0) {
+            d.setupError(QStringLiteral("the stranger never got ahead of the module: %1").arg(said.simplified()));
+        }
+        d.expectNoLog(QStringLiteral("SMT sender handshake failed"));
+        d.expectNoLog(QStringLiteral("Failed to connect audio transfer"));
+        qInfo("the stranger was served before the module %d times in %d starts", drops(), plays + 1);
+    };
 }
 
 void pauseToggles(FaultDevice& d)
@@ -1111,6 +1182,12 @@ const std::vector<Fault> kFaults = {
     {"odd-volumes", "volumes 150, -5, \"loud\", 50.5, null, true, 1e10, then 0, 100, 35", "the odd ones refused with 400 and the volume unchanged; plays on", oddVolumes, nullptr, AlsoAsan},
     {"odd-pairing-codes", "codes empty, short, long, non-ASCII, control characters, 10,000 letters, refused, a number, 100,000 digits", "each answered 200 or 422, then a good code pairs and plays", oddPairingCodes, nullptr, AlsoAsan},
     {"two-codes-at-once", "two pairing codes sent together", "both answered, the device plays", twoCodesAtOnce, nullptr, AlsoAsan},
+    // The audio socket: a local program that is not an audio sender. Survival: every play is heard
+    // within the 2 s handshake timeout plus a start, the module's connect is never refused or
+    // repeated, and the log says what the pipeline dropped.
+    {"audio-stranger-oversized-hello", "a program of the device's account connects to the audio socket ahead of the module at each play and announces a 16 MiB Hello", "dropped at once and logged; each play heard within 5 s", audioStranger("oversized-hello", false, "its Hello announces 16777216 bytes, more than 76"), nullptr, AlsoAsan},
+    {"audio-stranger-silent", "a program of the device's account connects to the audio socket ahead of the module at each play and sends nothing", "dropped after 2 s and logged; each play heard within 5 s", audioStranger("silent", false, "no Hello within 2000 ms"), nullptr, AlsoAsan},
+    {"audio-stranger-other-account", "a program of uid 65534 tries to connect to the audio socket at each play", "refused by the socket file's mode, never served; each play heard within 5 s", audioStranger("silent", true, QString()), nullptr, AlsoAsan},
     {"codes-during-swaps", "five pairing codes, each as a good library is swapped in", "every code answered, 1.1.0 plays", codesDuringSwaps(false), nullptr, Plain},
     {"codes-during-failed-swaps", "five pairing codes, each as a bad library is swapped in", "every code answered, 1.0.0 plays, no crash", codesDuringSwaps(true), nullptr, Plain},
 

@@ -1,5 +1,6 @@
 // The emulated audio pipeline: WAV files per format, one sender at a time, socket path
-// handling and underrun counting, driven by a real smt2 sender.
+// handling and underrun counting, driven by a real smt2 sender; and what it does with a local
+// program that is not a sender (a stranger of the same user, a program of another user).
 #include "LogCapture.h"
 #include "Smt2TestKit.h"
 #include "TestFiles.h"
@@ -8,12 +9,71 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include "smt2wire.h"
+
+#include <grp.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <thread>
+
+namespace {
+
+sockaddr_un unixAddress(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
+// This process's peak resident memory, in KiB, since the last resetPeakMemory().
+long peakMemoryKiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toLong();
+    return -1;
+}
+
+bool resetPeakMemory()
+{
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    return clear.open(QIODevice::WriteOnly) && clear.write("5") == 1;
+}
+
+// Connects as uid 65534 in a child process: 0 when connect() is refused with EACCES, 1 when the
+// connection is made and the other end closes it, 2 otherwise. Only system calls in the child.
+int connectAsNobody(const std::string& path)
+{
+    const sockaddr_un address = unixAddress(path);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)
+            _exit(3);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            _exit(errno == EACCES ? 0 : 2);
+        pollfd readable{fd, POLLIN, 0};
+        char byte;
+        _exit(poll(&readable, 1, 10000) == 1 && read(fd, &byte, 1) == 0 ? 1 : 2);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
+}
+
+} // namespace
 
 class TestAudioPipeline : public QObject
 {
@@ -72,6 +132,122 @@ private slots:
         QVERIFY(waiting.get() == smt2::ErrorID::Success);
         QCOMPARE(pipeline.counters().connections, quint64(2));
         QVERIFY(pipeline.counters().senderConnected);
+    }
+
+    // A local program of the same user takes the pipeline first; the sender that connects
+    // behind it waits in the backlog and is served once the stranger is dropped: nobody has to
+    // connect again.
+    void strangersAreDropped_data()
+    {
+        QTest::addColumn<QByteArray>("sends");
+        QTest::addColumn<QString>("reason");
+        auto header = [](std::uint32_t size, std::uint16_t type) {
+            QByteArray bytes(int(smt2::wire::HeaderSize), 0);
+            smt2::wire::writeHeader(reinterpret_cast<std::uint8_t*>(bytes.data()), size, type);
+            return bytes;
+        };
+        QByteArray notSmt2 = header(12, 1);
+        notSmt2 += QByteArray("HTTP") + QByteArray(8, 0);
+        QTest::newRow("Hello of 16 MiB") << header(16u << 20, 1) << "its Hello announces 16777216 bytes, more than 76";
+        QTest::newRow("Hello one byte too long") << header(77, 1) + QByteArray(77, 'a') << "its Hello announces 77 bytes, more than 76";
+        QTest::newRow("audio first") << header(100, 4) + QByteArray(100, 'a') << "its first message is of type 4, not a Hello";
+        QTest::newRow("silent") << QByteArray() << "no Hello within 2000 ms";
+        QTest::newRow("half a Hello") << header(20, 1) + QByteArray(5, 0) << "no Hello within 2000 ms";
+        QTest::newRow("not smt2") << notSmt2 << "not an smt2 sender";
+    }
+
+    void strangersAreDropped()
+    {
+        QFETCH(QByteArray, sends);
+        QFETCH(QString, reason);
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        QVERIFY(pipeline.start());
+        const sockaddr_un address = unixAddress(socket());
+        const int stranger = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        QCOMPARE(::connect(stranger, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        QVERIFY(resetPeakMemory());
+        const long peakBefore = peakMemoryKiB();
+        QCOMPARE(::send(stranger, sends.constData(), size_t(sends.size()), MSG_NOSIGNAL), ssize_t(sends.size()));
+        Smt2Client sender(socket());
+        auto connected = sender.sender.connect();
+        WAIT_VERIFY(connected.isReady());
+        QVERIFY(connected.get() == smt2::ErrorID::Success);
+        // The stranger was hung up on, and nothing it announced was set aside for it.
+        char byte;
+        const ssize_t got = ::recv(stranger, &byte, 1, MSG_DONTWAIT);
+        QVERIFY2(got == 0 || (got < 0 && errno == ECONNRESET), std::strerror(errno)); // closed, or reset over unread bytes
+        ::close(stranger);
+        QVERIFY2(peakMemoryKiB() - peakBefore < 8 * 1024, qPrintable(QString::number(peakMemoryKiB() - peakBefore)));
+        QCOMPARE(pipeline.counters().droppedStrangers, quint64(1));
+        QCOMPARE(pipeline.counters().connections, quint64(1));
+        const QString line = "Dropped a client of " + QString::fromStdString(socket()) + " before its handshake: " + reason
+                             + "; waiting for the next sender";
+        QVERIFY2(m_log.contains(log4cplus::WARN_LOG_LEVEL, line), qPrintable(m_log.dump()));
+        sender.format(8000, 1);
+        QVERIFY(sender.sendAndWait(QByteArray(1600, 'x')));
+        WAIT_VERIFY(pipeline.counters().bytes == 1600);
+    }
+
+    // While the device is paused its sender's audio waits; the Hello of the next sender does not.
+    void handshakeWhilePaused()
+    {
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        QVERIFY(pipeline.start());
+        pipeline.setReadingPaused(true);
+        Smt2Client sender(socket());
+        QVERIFY(sender.connect());
+    }
+
+    void socketModeIgnoresUmask_data()
+    {
+        QTest::addColumn<int>("umask");
+        QTest::newRow("0000") << 0;
+        QTest::newRow("0022") << 022;
+        QTest::newRow("0077") << 077;
+        QTest::newRow("0277 (no owner write)") << 0277;
+    }
+
+    void socketModeIgnoresUmask()
+    {
+        QFETCH(int, umask);
+        const mode_t previous = ::umask(mode_t(umask));
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        const bool started = pipeline.start();
+        ::umask(previous);
+        QVERIFY(started);
+        struct stat st;
+        QCOMPARE(::lstat(socket().c_str(), &st), 0);
+        QVERIFY(S_ISSOCK(st.st_mode));
+        QCOMPARE(int(st.st_mode & 07777), 0600);
+        Smt2Client sender(socket());
+        QVERIFY(sender.connect());
+    }
+
+    // A program of another user: the socket file keeps it out, and where someone widened the
+    // file's mode, the pipeline closes its connection and serves its own user's sender.
+    void otherUsersAreRefused()
+    {
+        if (::geteuid() != 0)
+            QSKIP("needs root to run a client as uid 65534");
+        // The directory lets anyone reach the socket file; only the file's mode decides.
+        QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                                        | QFileDevice::ExeGroup | QFileDevice::ExeOther));
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        QVERIFY(pipeline.start());
+        QCOMPARE(connectAsNobody(socket()), 0);
+        QCOMPARE(pipeline.counters().refusedPeers, quint64(0));
+
+        QCOMPARE(::chmod(socket().c_str(), 0666), 0);
+        QCOMPARE(connectAsNobody(socket()), 1);
+        WAIT_VERIFY(pipeline.counters().refusedPeers == 1);
+        const QStringList refused = m_log.messages(log4cplus::WARN_LOG_LEVEL).filter(QStringLiteral("Refusing a connection of uid 65534 (pid "));
+        QCOMPARE(refused.size(), 1);
+        QVERIFY2(refused.first().endsWith(" on " + QString::fromStdString(socket())
+                                          + ": only uid 0 may send audio here; waiting for the next sender"),
+                 qPrintable(refused.first()));
+        Smt2Client sender(socket());
+        QVERIFY(sender.connect());
+        QCOMPARE(pipeline.counters().connections, quint64(1));
     }
 
     void socketPath_data()

@@ -10,6 +10,11 @@
 #include <QFile>
 #include <QtTest>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -160,10 +165,16 @@ private slots:
         QVERIFY(file.bytes() == pcm);
     }
 
+    // A silent local program reached the pipeline first: the transfer waits in the handshake
+    // behind it, and once the pipeline drops the program, the same connect completes.
     void handshakingIsConnectedButNotStreaming()
     {
         auto pipeline = startPipeline(QString());
-        pipeline->setReadingPaused(true); // the handshake waits for the pipeline
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, kSocket.c_str(), sizeof address.sun_path - 1);
+        const int stranger = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        QCOMPARE(::connect(stranger, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         OrvelloAudioTransfer transfer;
         CMReply<void> reply = transfer.connect();
         WAIT_VERIFY(m_log.contains(INFO_LOG_LEVEL, "SMT changed state from 1 to 2"));
@@ -172,9 +183,12 @@ private slots:
         QCOMPARE(transfer.processData(data.constData(), size_t(data.size())), 0);
         QVERIFY(m_log.contains(DEBUG_LOG_LEVEL, kNotConnected));
         QVERIFY(!reply.isFinished());
-        pipeline->setReadingPaused(false);
         QVERIFY(answered(reply));
+        ::close(stranger);
         QVERIFY(!reply.isError());
+        QCOMPARE(pipeline->counters().droppedStrangers, quint64(1));
+        QCOMPARE(m_log.messages(INFO_LOG_LEVEL, "OrvelloAudioTransfer"),
+                 QStringList({"SMT changed state from 0 to 1", "SMT changed state from 1 to 2", "SMT changed state from 2 to 3"}));
         transfer.setStreamFormat(2, 44100);
         WAIT_VERIFY(transfer.processData(data.constData(), size_t(data.size())) == data.size());
         transfer.close();

@@ -13,6 +13,7 @@
 #include <log4cplus/loggingmacros.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,9 +43,10 @@ enum MessageType : std::uint16_t { Hello = 1, HelloReply = 2, SequenceInfo = 3, 
 
 struct Session
 {
-    explicit Session(Socket s) : socket(std::move(s)), timer(socket.get_executor()) {}
+    explicit Session(Socket s) : socket(std::move(s)), timer(socket.get_executor()), handshakeTimer(socket.get_executor()) {}
     Socket socket;
     asio::steady_timer timer;
+    asio::steady_timer handshakeTimer; // drops a client that has not completed its Hello in time
     std::uint8_t header[smt2::wire::HeaderSize] = {};
     std::vector<std::uint8_t> payload;
     std::vector<std::uint8_t> reply;
@@ -121,15 +123,42 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                 self->accept();
                 return;
             }
-            self->session = std::make_shared<Session>(std::move(socket));
+            if (!self->ownUser(socket)) {
+                std::error_code ignored;
+                socket.close(ignored);
+                self->accept();
+                return;
+            }
+            auto s = std::make_shared<Session>(std::move(socket));
+            self->session = s;
             LOG4CPLUS_DEBUG(logger, "Sender accepted on " << self->path);
-            self->readHeader(self->session);
+            s->handshakeTimer.expires_after(AudioPipeline::kHandshakeTimeout);
+            s->handshakeTimer.async_wait([self, w = std::weak_ptr<Session>(s)](const std::error_code& ec) {
+                auto s = w.lock();
+                if (!ec && s && s == self->session && !s->handshakeDone)
+                    self->drop("no Hello within " + std::to_string(AudioPipeline::kHandshakeTimeout.count()) + " ms", true);
+            });
+            self->readHeader(s);
         });
+    }
+
+    // The socket file keeps other users out; this also holds where its mode was widened.
+    bool ownUser(Socket& socket)
+    {
+        ucred peer{};
+        socklen_t length = sizeof peer;
+        if (::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == ::geteuid())
+            return true;
+        count([](AudioPipelineCounters& c) { ++c.refusedPeers; });
+        LOG4CPLUS_WARN(logger, "Refusing a connection of uid " << peer.uid << " (pid " << peer.pid << ") on " << path
+                                   << ": only uid " << ::geteuid() << " may send audio here; waiting for the next sender");
+        return false;
     }
 
     void readHeader(const std::shared_ptr<Session>& s)
     {
-        if (paused.load()) {
+        // A pause holds back audio, not the handshake of the next sender.
+        if (paused.load() && s->handshakeDone) {
             s->waitingForResume = true;
             return;
         }
@@ -143,6 +172,17 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                                  return;
                              }
                              const smt2::wire::Header h = smt2::wire::readHeader(s->header);
+                             // Nothing of a client is buffered before it has said Hello.
+                             if (!s->handshakeDone && h.type != Hello) {
+                                 self->drop("its first message is of type " + std::to_string(h.type) + ", not a Hello", true);
+                                 return;
+                             }
+                             if (!s->handshakeDone && h.payloadSize > smt2::wire::MaxHelloPayload) {
+                                 self->drop("its Hello announces " + std::to_string(h.payloadSize) + " bytes, more than "
+                                                + std::to_string(smt2::wire::MaxHelloPayload),
+                                            true);
+                                 return;
+                             }
                              if (h.payloadSize > smt2::wire::MaxPayload) {
                                  self->drop("message of " + std::to_string(h.payloadSize) + " bytes");
                                  return;
@@ -165,8 +205,9 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                              }
                              std::optional<Clock::time_point> due;
                              std::string error;
+                             const bool wasConnected = s->handshakeDone;
                              if (!self->handle(*s, type, Clock::now(), &due, &error)) {
-                                 self->drop(error);
+                                 self->drop(error, !wasConnected);
                                  return;
                              }
                              if (s != self->session || !s->socket.is_open() || s->refused)
@@ -189,10 +230,6 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                 std::string* error)
     {
         if (!s.handshakeDone) {
-            if (type != Hello) {
-                *error = "message of type " + std::to_string(type) + " before the handshake";
-                return false;
-            }
             const bool ok = handshake(s, error);
             if (s.handshakeDone)
                 trace(arrived, "connected");
@@ -326,6 +363,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         // The counters change before the reply goes out, so a sender that has its answer sees them.
         if (accepted) {
             s.handshakeDone = true;
+            s.handshakeTimer.cancel();
             count([](AudioPipelineCounters& c) {
                 ++c.connections;
                 c.senderConnected = true;
@@ -352,7 +390,8 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         return true;
     }
 
-    void drop(const std::string& reason)
+    // stranger: a client that broke the rules before its handshake (said at WARN).
+    void drop(const std::string& reason, bool stranger = false)
     {
         auto s = std::move(session);
         session.reset();
@@ -360,6 +399,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
             return;
         std::error_code ignored;
         s->timer.cancel();
+        s->handshakeTimer.cancel();
         s->socket.close(ignored);
         if (s->sequenceOpen)
             endSequence(*s);
@@ -369,6 +409,10 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
             count([](AudioPipelineCounters& c) { c.senderConnected = false; });
             if (hooks.senderDisconnected)
                 hooks.senderDisconnected();
+        } else if (stranger) {
+            count([](AudioPipelineCounters& c) { ++c.droppedStrangers; });
+            LOG4CPLUS_WARN(logger, "Dropped a client of " << path << " before its handshake: " << reason
+                                                           << "; waiting for the next sender");
         } else {
             LOG4CPLUS_DEBUG(logger, "Connection ended before the handshake: " << reason);
         }
@@ -437,8 +481,14 @@ bool AudioPipeline::start(std::string* error)
             miscUtils::asioContext(d->loopThread->ioEventLoop()));
         std::error_code ec;
         acceptor->open(asio::local::stream_protocol(), ec);
+        // The file bind() creates takes the socket's mode less the umask: never wider than 0600.
+        if (!ec && ::fchmod(acceptor->native_handle(), S_IRUSR | S_IWUSR) != 0)
+            ec = std::error_code(errno, std::generic_category());
         if (!ec)
             acceptor->bind(asio::local::stream_protocol::endpoint(d->path), ec);
+        // A umask that takes the owner's bits would lock the sender out too.
+        if (!ec && ::fchmodat(AT_FDCWD, d->path.c_str(), S_IRUSR | S_IWUSR, AT_SYMLINK_NOFOLLOW) != 0)
+            ec = std::error_code(errno, std::generic_category());
         if (!ec)
             acceptor->listen(asio::socket_base::max_listen_connections, ec);
         if (ec) {

@@ -4,6 +4,7 @@
 
 #include "audioUtils/pcmaudioinfo.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -24,6 +25,8 @@ struct AudioPipelineCounters
     std::uint64_t underruns = 0;   // times the player ran dry in the middle of a sequence
     std::uint64_t connections = 0; // senders that completed the handshake
     std::uint64_t refusedHandshakes = 0;
+    std::uint64_t refusedPeers = 0;     // connections of another user, closed at once
+    std::uint64_t droppedStrangers = 0; // clients dropped before a Hello: too large, not one, or too late
     bool senderConnected = false;
     audioUtils::PcmAudioInfo format; // of the current or last sequence
 };
@@ -44,9 +47,16 @@ struct AudioPipelineHooks
 // and writes their PCM to a sink at the chosen pace. Runs on a thread of its own.
 // start, stop and the destructor belong to one thread; counters() and setReadingPaused()
 // may be called from any thread.
+//
+// Only its own user may send: the socket file is 0600 whatever the umask, and a connection of
+// another uid (SO_PEERCRED) is closed at once. A client whose first message is not a Hello of
+// at most smt2::wire::MaxHelloPayload bytes, or that has not completed its Hello within
+// kHandshakeTimeout, is dropped, and the next sender in the backlog is served.
 class AudioPipeline
 {
 public:
+    static constexpr std::chrono::milliseconds kHandshakeTimeout{2000};
+
     AudioPipeline(std::string socketPath, std::unique_ptr<AudioSink> sink, AudioPace pace = AudioPace::Fast);
     ~AudioPipeline();
     AudioPipeline(const AudioPipeline&) = delete;

@@ -15,6 +15,9 @@ inline constexpr std::uint32_t Magic = 0x32544D53; // "SMT2" as bytes on the wir
 inline constexpr std::size_t HeaderSize = 8;          // u32 payload length, u16 type, u16 flags
 inline constexpr std::uint32_t MaxPayload = 16u << 20;
 inline constexpr std::size_t AudioDataHeadSize = 16;  // two u64 time values
+// A Hello is magic, version, reserved and a role string; roles are short words ("audio").
+inline constexpr std::size_t MaxHelloRoleSize = 64;
+inline constexpr std::uint32_t MaxHelloPayload = 4 + 2 + 2 + 4 + MaxHelloRoleSize;
 
 struct Header
 {
