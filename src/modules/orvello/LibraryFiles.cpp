@@ -229,10 +229,13 @@ bool removeDurably(const QString& path, QString* error)
     return syncDirectoryOf(path, error);
 }
 
-bool writeRecord(const QString& path, const QString& version, const QString& checksum, QString* error)
+bool writeRecord(const QString& path, const QString& version, const QString& checksum, QString* error,
+                 const QString& signature)
 {
-    const QJsonObject record{{VraxOrvelloVersionInfo::VersionKey(), version},
-                             {VraxOrvelloVersionInfo::ChecksumKey(), checksum}};
+    QJsonObject record{{VraxOrvelloVersionInfo::VersionKey(), version},
+                       {VraxOrvelloVersionInfo::ChecksumKey(), checksum}};
+    if (!signature.isEmpty())
+        record.insert(QStringLiteral("signature"), signature);
     const QByteArray text = QJsonDocument(record).toJson(QJsonDocument::Compact) + '\n';
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.flush()) {

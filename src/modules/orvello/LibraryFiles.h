@@ -34,8 +34,11 @@ bool replace(const QString& from, const QString& to, QString* error);
 bool removeDurably(const QString& path, QString* error);
 
 // A small JSON record of a library version and its checksum ({"version", "checksum"}, the
-// shape of the service's configuration document), replaced atomically.
-bool writeRecord(const QString& path, const QString& version, const QString& checksum, QString* error);
+// shape of the service's configuration document), replaced atomically. A non-empty signature
+// (the document's, for a verified download) is kept as "signature", so the record can be
+// checked again before the file is installed.
+bool writeRecord(const QString& path, const QString& version, const QString& checksum, QString* error,
+                 const QString& signature = QString());
 // The record at path; empty when there is none or it cannot be read.
 VraxOrvelloVersionInfo readRecord(const QString& path);
 

@@ -5,6 +5,7 @@
 #include "OrvelloPlayLogic.h"
 #include "OrvelloUI.h"
 #include "OrvelloUpdater.h"
+#include "UpdateSignature.h"
 
 #include "model/cmnode.h"
 #include "play/vraxplaylogicdata.h"
@@ -48,6 +49,9 @@ OrvelloWorker::OrvelloWorker(const QVariantHash& config)
 {
     ORVELLO_ENTER(logger);
     m_sdkVersionNode->setTitle(ORVELLO_TR("Orvello SDK version number"));
+    if (!UpdateSignature::builtIn().hasKey())
+        LOG4CPLUS_WARN(logger, "Player library updates are not authenticated: this module was built without an "
+                               "update key, so it installs any library whose checksum matches the service's document");
     if (!prepareDirectory(kScratchDirectory)) {
         LOG4CPLUS_ERROR(logger, "Can not init OrvelloWorker without " << kScratchDirectory << " dir");
         return;
