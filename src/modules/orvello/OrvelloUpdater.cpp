@@ -35,13 +35,13 @@ QString versionProblem(const QString& version)
 {
     if (version.isEmpty())
         return QStringLiteral("it is empty or not text");
-    if (version.size() > OrvelloUpdater::MaxVersionLength)
-        return QStringLiteral("it is %1 characters long").arg(version.size());
     for (int i = 0; i < version.size(); ++i) {
         const ushort c = version.at(i).unicode();
         if (c < 0x20 || c > 0x7e)
             return QStringLiteral("character %1 is U+%2").arg(i + 1).arg(c, 4, 16, QLatin1Char('0'));
     }
+    if (version.size() > OrvelloUpdater::MaxVersionLength)
+        return QStringLiteral("it is %1 characters long").arg(version.size());
     return QString();
 }
 
@@ -151,6 +151,8 @@ void OrvelloUpdater::check()
     HttpClientOptions options;
     options.setHeaders(headers);
     options.setReadSizeLimit(ConfigSizeLimit);
+    // The check's own deadline ends it, slow or silent; one limit gives one clear line.
+    options.setTimeout(0);
 
     auto deadline = std::make_shared<Deadline>();
     const HttpClient::RequestId id = m_httpClient->get(m_url, options, [this, deadline](const HttpClientResult& result) {
