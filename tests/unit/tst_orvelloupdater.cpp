@@ -1,5 +1,6 @@
 #include "ChildProcesses.h"
 #include "LogCapture.h"
+#include "NginxTls.h"
 #include "OrvelloServiceProcess.h"
 #include "TestFiles.h"
 #include "TestPlatform.h"
@@ -16,6 +17,8 @@
 #include <QDir>
 #include <QFile>
 #include <QNetworkReply>
+#include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QtTest>
@@ -23,6 +26,8 @@
 #include <log4cplus/loglevel.h>
 
 #include <memory>
+
+#include <unistd.h>
 
 namespace {
 const QString kDest = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
@@ -69,6 +74,7 @@ private Q_SLOTS:
     void oneDownloadAtATime();
     void deadlines_data();
     void deadlines();
+    void failedWriteEndsItsDeadline();
 
 private:
     // Starts the service offering `offered`, a platform pointing at it and the version node.
@@ -277,8 +283,9 @@ void tst_OrvelloUpdater::failures()
     QVERIFY(!QFile::exists(kTmp));
     QCOMPARE(QFile::exists(kDest), downloaded);
     QVERIFY(!QFile::exists(kRecord));
-    // The check is over: nothing is left running until the next tick.
+    // The check is over: nothing is left running until the next tick, no deadline either.
     QTRY_COMPARE(updater.findChildren<QNetworkReply*>().size(), 0);
+    QTRY_COMPARE(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).size(), 1);
     QVERIFY(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
 }
 
@@ -434,6 +441,27 @@ void tst_OrvelloUpdater::deadlines()
     QVERIFY(!QFile::exists(kTmp));
     QVERIFY(!QFile::exists(kDest));
     QVERIFY(!updater.downloadRunning());
+}
+
+// A write that fails answers the download at once while the transfer runs on to its end; the
+// download's deadline ends with the transfer, not 15 minutes later with a line of its own.
+void tst_OrvelloUpdater::failedWriteEndsItsDeadline()
+{
+    if (::getuid() != 0 || !inPrivateMountNamespace())
+        QSKIP("fills a tmpfs mounted over /tmp/orvello: needs root in a private mount namespace (private-tmp)");
+    const QString scratch = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH);
+    QCOMPARE(QProcess::execute("mount", {"-t", "tmpfs", "-o", "size=64k", "tmpfs", scratch}), 0);
+    const auto unmount = qScopeGuard([&scratch] { QProcess::execute("umount", {"-l", scratch}); });
+    setUp("1.0.0", "1.1.0", {}, 0);
+    OrvelloUpdater updater;
+    updater.setDeadlines(std::chrono::seconds(30), std::chrono::seconds(60));
+    updater.check();
+    QTRY_VERIFY_WITH_TIMEOUT(m_log->contains(log4cplus::ERROR_LOG_LEVEL, "Failed to download new OVM library version."), 10000);
+    QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL),
+             QStringList({"Error while writing to local file", "Failed to download new OVM library version."}));
+    QTRY_COMPARE(updater.findChildren<QNetworkReply*>().size(), 0);
+    QTRY_COMPARE(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).size(), 1);
+    QVERIFY(!QFile::exists(kTmp));
 }
 
 QTEST_GUILESS_MAIN(tst_OrvelloUpdater)

@@ -292,9 +292,11 @@ CMReply<bool> OrvelloUpdater::downloadLibrary(const QString& url)
     m_download = reply;
     auto deadline = std::make_shared<Deadline>();
     auto callback = [reply, file, deadline](const HttpClientResult& result) mutable {
+        // Ended even when the reply was answered earlier (a failed write lets the transfer run on).
+        const bool inTime = result.state() == HttpClientResult::DataAvailable || deadline->end();
         if (reply.isFinished())
             return;
-        if (result.state() != HttpClientResult::DataAvailable && !deadline->end()) {
+        if (!inTime) {
             file->remove();
             reply.setValue(false);
             return;
