@@ -66,10 +66,16 @@ bool inPrivateMountNamespace()
     return !own.isEmpty() && !parent.isEmpty() && own != parent;
 }
 
+// Debian puts nginx in /usr/sbin, which a test's PATH may lack.
+static QString nginxProgram()
+{
+    return QStandardPaths::findExecutable(QStringLiteral("nginx"), {QStringLiteral("/usr/sbin"), QStringLiteral("/usr/bin")});
+}
+
 QString NginxTls::unavailable()
 {
     QStringList missing;
-    if (QStandardPaths::findExecutable(QStringLiteral("nginx"), {QStringLiteral("/usr/sbin"), QStringLiteral("/usr/bin")}).isEmpty())
+    if (nginxProgram().isEmpty())
         missing << QStringLiteral("nginx (Debian package nginx-light)");
     if (QStandardPaths::findExecutable(QStringLiteral("openssl")).isEmpty())
         missing << QStringLiteral("openssl");
@@ -114,68 +120,60 @@ bool NginxTls::run(const QString& program, const QStringList& arguments, QString
     process.start(program, arguments);
     if (!process.waitForFinished(30000) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
         *error = QStringLiteral("%1 %2 failed: %3 %4")
-                     .arg(program, arguments.join(QLatin1Char(' ')), QString::fromLocal8Bit(process.readAll()).trimmed(),
-                          process.errorString());
+                     .arg(program, arguments.join(QLatin1Char(' ')),
+                          QString::fromLocal8Bit(process.readAll()).trimmed(), process.errorString());
         return false;
     }
     return true;
 }
 
+// One openssl command, its arguments written as one line (none of them holds a blank).
+bool NginxTls::openssl(const QString& arguments, QString* error)
+{
+    return run(QStringLiteral("openssl"), arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts), error);
+}
+
 bool NginxTls::makeCertificates(QString* error)
 {
-    if (!writeBytes(m_dir + QStringLiteral("/ca.cnf"), kCaConfig.toUtf8()) || !writeBytes(m_dir + QStringLiteral("/index.txt"), "")
-        || !writeBytes(m_dir + QStringLiteral("/serial"), "01\n") || !QDir().mkpath(m_dir + QStringLiteral("/issued"))) {
+    const QString dir = m_dir + QLatin1Char('/');
+    if (!writeBytes(dir + QStringLiteral("ca.cnf"), kCaConfig.toUtf8())
+        || !writeBytes(dir + QStringLiteral("index.txt"), "") || !writeBytes(dir + QStringLiteral("serial"), "01\n")
+        || !QDir().mkpath(dir + QStringLiteral("issued"))) {
         *error = QStringLiteral("cannot write the certificate authority's files in %1").arg(m_dir);
         return false;
     }
-    const QString openssl = QStringLiteral("openssl");
-    const QStringList newKey{QStringLiteral("-newkey"), QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
-                             QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes")};
-    if (!run(openssl,
-             QStringList{QStringLiteral("req"), QStringLiteral("-x509")} + newKey
-                 + QStringList{QStringLiteral("-keyout"), QStringLiteral("ca.key"), QStringLiteral("-out"), QStringLiteral("ca.pem"),
-                               QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"), QStringLiteral("/CN=Orvello Test CA"),
-                               QStringLiteral("-addext"), QStringLiteral("basicConstraints=critical,CA:TRUE"),
-                               QStringLiteral("-addext"), QStringLiteral("keyUsage=critical,keyCertSign,cRLSign")},
-             error))
-        return false;
-    if (!run(openssl,
-             QStringList{QStringLiteral("req"), QStringLiteral("-x509")} + newKey
-                 + QStringList{QStringLiteral("-keyout"), QStringLiteral("self-signed.key"), QStringLiteral("-out"),
-                               QStringLiteral("self-signed.pem"), QStringLiteral("-days"), QStringLiteral("2"),
-                               QStringLiteral("-subj"), QStringLiteral("/CN=localhost"), QStringLiteral("-addext"),
-                               QStringLiteral("subjectAltName=DNS:localhost,IP:127.0.0.1")},
-             error))
+    const QString newKey = QStringLiteral("-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes");
+    const QString localhost = QStringLiteral("DNS:localhost,IP:127.0.0.1");
+    if (!openssl(QStringLiteral("req -x509 %1 -keyout ca.key -out ca.pem -days 2 -subj /CN=Orvello-Test-CA "
+                                "-addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign")
+                     .arg(newKey),
+                 error)
+        || !openssl(QStringLiteral("req -x509 %1 -keyout self-signed.key -out self-signed.pem -days 2 -subj /CN=localhost "
+                                   "-addext subjectAltName=%2")
+                        .arg(newKey, localhost),
+                    error))
         return false;
     struct Issued
     {
         Certificate certificate;
         QString names;
-        QStringList validity;
+        QString validity;
     };
-    const QStringList twoDays{QStringLiteral("-days"), QStringLiteral("2")};
     const QList<Issued> issued{
-        {Certificate::Trusted, QStringLiteral("DNS:localhost,IP:127.0.0.1"), twoDays},
-        {Certificate::OtherName, QStringLiteral("DNS:other.example"), twoDays},
-        {Certificate::Expired, QStringLiteral("DNS:localhost,IP:127.0.0.1"),
-         {QStringLiteral("-startdate"), QStringLiteral("20200101000000Z"), QStringLiteral("-enddate"), QStringLiteral("20200201000000Z")}},
+        {Certificate::Trusted, localhost, QStringLiteral("-days 2")},
+        {Certificate::OtherName, QStringLiteral("DNS:other.example"), QStringLiteral("-days 2")},
+        {Certificate::Expired, localhost, QStringLiteral("-startdate 20200101000000Z -enddate 20200201000000Z")},
     };
     for (const Issued& certificate : issued) {
         const QString base = name(certificate.certificate);
         const QString commonName = certificate.names.section(QLatin1Char(','), 0, 0).section(QLatin1Char(':'), 1);
-        if (!run(openssl,
-                 QStringList{QStringLiteral("req"), QStringLiteral("-new")} + newKey
-                     + QStringList{QStringLiteral("-keyout"), base + QStringLiteral(".key"), QStringLiteral("-out"),
-                                   base + QStringLiteral(".csr"), QStringLiteral("-subj"), QStringLiteral("/CN=") + commonName,
-                                   QStringLiteral("-addext"), QStringLiteral("subjectAltName=") + certificate.names},
-                 error)
-            || !run(openssl,
-                    QStringList{QStringLiteral("ca"), QStringLiteral("-batch"), QStringLiteral("-notext"), QStringLiteral("-config"),
-                                QStringLiteral("ca.cnf"), QStringLiteral("-cert"), QStringLiteral("ca.pem"), QStringLiteral("-keyfile"),
-                                QStringLiteral("ca.key"), QStringLiteral("-in"), base + QStringLiteral(".csr"), QStringLiteral("-out"),
-                                base + QStringLiteral(".pem")}
-                        + certificate.validity,
-                    error))
+        if (!openssl(QStringLiteral("req -new %1 -keyout %2.key -out %2.csr -subj /CN=%3 -addext subjectAltName=%4")
+                         .arg(newKey, base, commonName, certificate.names),
+                     error)
+            || !openssl(QStringLiteral("ca -batch -notext -config ca.cnf -cert ca.pem -keyfile ca.key -in %1.csr "
+                                       "-out %1.pem %2")
+                            .arg(base, certificate.validity),
+                        error))
             return false;
     }
     return true;
@@ -215,15 +213,15 @@ http {
 }
 )")
                                .arg(servers);
-    if (!writeBytes(m_dir + QStringLiteral("/nginx.conf"), config.toUtf8()) || !QDir().mkpath(m_dir + QStringLiteral("/temp"))) {
+    const QString dir = m_dir + QLatin1Char('/');
+    if (!writeBytes(dir + QStringLiteral("nginx.conf"), config.toUtf8()) || !QDir().mkpath(dir + QStringLiteral("temp"))) {
         *error = QStringLiteral("cannot write nginx's configuration in %1").arg(m_dir);
         return false;
     }
     m_nginx.setProcessChannelMode(QProcess::MergedChannels);
     m_nginx.setWorkingDirectory(m_dir);
-    const QString nginx = QStandardPaths::findExecutable(QStringLiteral("nginx"), {QStringLiteral("/usr/sbin"), QStringLiteral("/usr/bin")});
-    m_nginx.start(nginx, {QStringLiteral("-p"), m_dir + QLatin1Char('/'), QStringLiteral("-c"), QStringLiteral("nginx.conf"),
-                          QStringLiteral("-e"), QStringLiteral("error.log")});
+    m_nginx.start(nginxProgram(), {QStringLiteral("-p"), dir, QStringLiteral("-c"), QStringLiteral("nginx.conf"),
+                                   QStringLiteral("-e"), QStringLiteral("error.log")});
     const QDeadlineTimer deadline(kStartMs);
     for (const Certificate certificate : kCertificates) {
         for (;;) {
@@ -234,7 +232,7 @@ http {
             if (m_nginx.state() == QProcess::NotRunning || deadline.hasExpired()) {
                 *error = QStringLiteral("nginx did not start: %1 %2")
                              .arg(QString::fromLocal8Bit(m_nginx.readAll()).trimmed(),
-                                  QString::fromLocal8Bit(fileBytes(m_dir + QStringLiteral("/error.log"))).trimmed());
+                                  QString::fromLocal8Bit(fileBytes(dir + QStringLiteral("error.log"))).trimmed());
                 return false;
             }
             m_nginx.waitForFinished(50); // nginx is still binding: a moment, unless it ends
@@ -251,7 +249,8 @@ bool NginxTls::trustAuthority(QString* error)
         return false;
     }
     const QString trust = m_dir + QStringLiteral("/trust");
-    if (!QDir().mkpath(trust) || !QFile::copy(m_dir + QStringLiteral("/ca.pem"), trust + QStringLiteral("/orvello-test-ca.pem"))) {
+    if (!QDir().mkpath(trust)
+        || !QFile::copy(m_dir + QStringLiteral("/ca.pem"), trust + QStringLiteral("/orvello-test-ca.pem"))) {
         *error = QStringLiteral("cannot put the test authority into %1 (start() makes it)").arg(trust);
         return false;
     }

@@ -44,6 +44,7 @@ public:
 private:
     bool makeCertificates(QString* error);
     bool run(const QString& program, const QStringList& arguments, QString* error);
+    bool openssl(const QString& arguments, QString* error);
 
     QString m_dir;
     QMap<Certificate, int> m_ports;

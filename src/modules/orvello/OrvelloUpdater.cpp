@@ -155,10 +155,11 @@ void OrvelloUpdater::check()
     options.setTimeout(0);
 
     auto deadline = std::make_shared<Deadline>();
-    const HttpClient::RequestId id = m_httpClient->get(m_url, options, [this, deadline](const HttpClientResult& result) {
+    auto fetched = [this, deadline](const HttpClientResult& result) {
         if (deadline->end())
             onConfigFetched(result);
-    });
+    };
+    const HttpClient::RequestId id = m_httpClient->get(m_url, options, std::move(fetched));
     startDeadline(deadline, id, m_checkDeadline, [this] {
         LOG4CPLUS_ERROR(logger, "The config JSON did not arrive within " << seconds(m_checkDeadline)
                                                                         << " s; the check is cancelled, the next one "
@@ -274,7 +275,8 @@ CMReply<bool> OrvelloUpdater::downloadLibrary(const QString& url)
     ORVELLO_ENTER_ARG(logger, "url: '" << escapedForLog(url));
     CMReply<bool> reply;
     if (downloadRunning()) {
-        LOG4CPLUS_ERROR(logger, "A library download is still running, not starting another from " << escapedForLog(url));
+        LOG4CPLUS_ERROR(logger,
+                        "A library download is still running, not starting another from " << escapedForLog(url));
         reply.setValue(false);
         return reply;
     }

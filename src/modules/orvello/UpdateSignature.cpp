@@ -31,7 +31,8 @@ bool isLowercaseHexDigest(const QString& text)
 
 UpdateSignature UpdateSignature::builtIn()
 {
-    return UpdateSignature(QByteArray(reinterpret_cast<const char*>(UpdatePublicKey::data), int(UpdatePublicKey::size)));
+    return UpdateSignature(
+        QByteArray(reinterpret_cast<const char*>(UpdatePublicKey::data), int(UpdatePublicKey::size)));
 }
 
 UpdateSignature::UpdateSignature(const QByteArray& rawPublicKey) : m_key(rawPublicKey)
@@ -55,7 +56,8 @@ QString UpdateSignature::problem(const QString& version, const QString& checksum
             .arg(SignatureBytes);
     // The signed text holds the checksum as lowercase hex; any other spelling is another text.
     if (!isLowercaseHexDigest(checksum))
-        return QStringLiteral("the checksum is not 64 lowercase hexadecimal digits, which is what the signature covers");
+        return QStringLiteral(
+            "the checksum is not 64 lowercase hexadecimal digits, which is what the signature covers");
     if (m_key.size() != KeyBytes)
         return QStringLiteral("the device's update key is %1 bytes long, not an Ed25519 public key").arg(m_key.size());
 
@@ -65,9 +67,10 @@ QString UpdateSignature::problem(const QString& version, const QString& checksum
     if (!key || !context || EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) != 1)
         return QStringLiteral("the device's update key cannot be used for Ed25519");
     const QByteArray message = version.toUtf8() + '\n' + checksum.toLatin1();
-    const int verified = EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(decoded.decoded.constData()),
-                                          size_t(decoded.decoded.size()),
-                                          reinterpret_cast<const unsigned char*>(message.constData()), size_t(message.size()));
+    const auto* signatureBytes = reinterpret_cast<const unsigned char*>(decoded.decoded.constData());
+    const auto* messageBytes = reinterpret_cast<const unsigned char*>(message.constData());
+    const int verified = EVP_DigestVerify(context.get(), signatureBytes, size_t(decoded.decoded.size()), messageBytes,
+                                          size_t(message.size()));
     if (verified != 1)
         return QStringLiteral("the signature does not verify with the device's update key");
     return QString();
