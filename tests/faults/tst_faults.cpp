@@ -867,8 +867,12 @@ void endlessDocument(FaultDevice& d)
     const qint64 after = residentKiB(d.rig().hostPid());
     if (before < 0 || after < 0)
         return d.setupError(QStringLiteral("cannot read the host's memory"));
+    // ASan keeps freed memory in its quarantine (up to 256 MB), so only the other builds can
+    // judge the host by its size; the ASan build judges what happens to that memory.
+#ifndef __SANITIZE_ADDRESS__
     if (after - before > 16 * 1024)
         d.fail(QStringLiteral("the host grew from %1 KiB to %2 KiB reading endless documents").arg(before).arg(after));
+#endif
     if (!d.serviceFails({}))
         return;
     d.expectLog(kUpdated, kUpdateMs);
@@ -972,7 +976,7 @@ const std::vector<Fault> kFaults = {
     {"config-missing-fields", "the document is {}", "plays on at 1.0.0, refuses a document without a version, updates once cleared", serviceFails({"config-missing-fields"}, kRefused + "\"\" is not 1 to 64 printable ASCII characters (it is empty or not text)"), nullptr, AlsoAsan},
     {"config-wrong-types", "version a number, link an array, checksum a bool", "plays on at 1.0.0, reads no version and refuses the document, updates once cleared", serviceFails({"config-wrong-types"}, kRefused + "\"\" is not 1 to 64 printable ASCII characters (it is empty or not text)"), nullptr, AlsoAsan},
     {"config-long-version", "a 1,000-character version that sorts newer", "plays on at 1.0.0, refuses the version, updates once cleared", serviceFails({"config-long-version"}, kRefused + "\"1.1.0.999"), nullptr, AlsoAsan},
-    {"config-endless", "a document without a length that never ends", "plays on, reads 64 KiB of it and says so, the host's memory stays put, updates once cleared", endlessDocument, nullptr, AlsoAsan},
+    {"config-endless", "a document without a length that never ends", "plays on, reads 64 KiB of it and says so, the host grows by less than 16 MiB (outside ASan), updates once cleared", endlessDocument, nullptr, AlsoAsan},
     {"config-drip", "the document drips one byte every 20 s", "plays on; the check ends at its 30 s deadline with an ERROR line", drippingDocument, nullptr, Plain},
     {"config-forged-log-lines", "a version, then a link, carrying a line feed and a log line of their own (module at TRACE)", "every line with the remote text has it escaped, no line is the server's, updates once cleared", forgedLogLines, nullptr, AlsoAsan},
     {"library-404", "the library download answers 404", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"library-status=404"}, "Downloading library failed with HTTP code: 404"), nullptr, AlsoAsan},
