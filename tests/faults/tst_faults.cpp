@@ -867,6 +867,7 @@ void endlessDocument(FaultDevice& d)
     const qint64 after = residentKiB(d.rig().hostPid());
     if (before < 0 || after < 0)
         return d.setupError(QStringLiteral("cannot read the host's memory"));
+    qInfo("host's resident memory: %lld KiB before the endless documents, %lld KiB after", before, after);
     // ASan keeps freed memory in its quarantine (up to 256 MB), so only the other builds can
     // judge the host by its size; the ASan build judges what happens to that memory.
 #ifndef __SANITIZE_ADDRESS__
