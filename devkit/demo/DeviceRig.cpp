@@ -113,7 +113,9 @@ bool DeviceRig::startService(const QString& version, const QString& libraryFile,
     m_service->setProcessChannelMode(QProcess::SeparateChannels);
     m_service->setStandardErrorFile(m_workDir + QStringLiteral("/service.log"));
     m_service->start(m_paths.service, QStringList{QStringLiteral("--dir"), dir, QStringLiteral("--version"), version,
-                                                  QStringLiteral("--library"), name, QStringLiteral("--stop-on-eof")}
+                                                  QStringLiteral("--library"), name, QStringLiteral("--stop-on-eof"),
+                                                  QStringLiteral("--signing-key"), QStringLiteral(ORVELLO_TEST_SIGNING_KEY),
+                                                  QStringLiteral("--other-signing-key"), QStringLiteral(ORVELLO_OTHER_SIGNING_KEY)}
                                           + arguments);
     m_servicePort = readListeningPort(m_service.get(), QStringLiteral("listening on"), error);
     return m_servicePort != 0;

@@ -41,8 +41,10 @@ public:
     QString devTreeLibraryPath() const;
 
     // Starts orvello-service offering version with the library file (copied into the service's
-    // directory). arguments are added to its command line (--fail MODE, --port N). A service
-    // already running is stopped first. False with the reason in error.
+    // directory), signing its documents with the repository's test key (devkit/keys; the
+    // second test key is there for the signature-other-key mode). arguments are added to its
+    // command line (--fail MODE, --port N). A service already running is stopped first. False
+    // with the reason in error.
     bool startService(const QString& version, const QString& libraryFile, QString* error,
                       const QStringList& arguments = {});
     int servicePort() const { return m_servicePort; }
@@ -80,6 +82,9 @@ public:
     QStringList hostLog();
     // True when the host's log has a line containing text (waits up to timeoutMs).
     bool waitForLog(const QString& text, int timeoutMs);
+
+    // The module that the next startHost loads (instead of Paths::module).
+    void setModule(const QString& module) { m_paths.module = module; }
 
     Answer get(const QString& path);
     Answer post(const QString& path, const QJsonObject& body);

@@ -112,7 +112,8 @@ int main(int argc, char** argv)
     QString error;
     if (!rig.startService(QStringLiteral("1.1.0"), QStringLiteral(OPLAYER_REF_1_1_0), &error))
         return fail(error);
-    say(QStringLiteral("service"), QStringLiteral("offering player library 1.1.0 at %1").arg(rig.versionUrl()));
+    say(QStringLiteral("service"), QStringLiteral("offering player library 1.1.0 at %1, signed with the test key in devkit/keys")
+                                       .arg(rig.versionUrl()));
 
     QDir().mkpath(QFileInfo(rig.devTreeLibraryPath()).absolutePath());
     if (!QFile::copy(QStringLiteral(OPLAYER_REF_1_0_0), rig.devTreeLibraryPath()))
@@ -166,6 +167,15 @@ int main(int argc, char** argv)
                                              .body.value(QStringLiteral("value")).toObject()
                                              .value(QStringLiteral("string_")).toString();
                 say(QStringLiteral("device"), QStringLiteral("paired with the service, device id %1").arg(deviceId), at);
+            } else if (line.contains(QLatin1String("Player library updates are not authenticated")) && once(QStringLiteral("keyless"))) {
+                say(QStringLiteral("device"), QStringLiteral("WARNING: this module was built without an update key and takes "
+                                                             "unsigned updates"), at);
+            } else if (line.contains(QLatin1String("is signed with the device's update key")) && once(QStringLiteral("signed"))) {
+                say(QStringLiteral("update"), QStringLiteral("the offer's signature verifies with the key the module was built "
+                                                             "with: the service really offers it"), at);
+            } else if (line.contains(QLatin1String("ERROR [Orvello] Not downloading version ")) && once(QStringLiteral("unsigned"))) {
+                say(QStringLiteral("update"), QStringLiteral("the offer is not signed by the service, so nothing is downloaded: %1")
+                                                  .arg(line.section(QStringLiteral(": "), 1)), at);
             } else if (line.contains(QLatin1String("Downloading version ")) && once(QStringLiteral("download"))) {
                 say(QStringLiteral("update"), QStringLiteral("service offers %1, downloading it")
                                                   .arg(line.section(QStringLiteral("Downloading version "), 1)), at);

@@ -1,7 +1,10 @@
 // orvello-service: the Orvello Streams update service on loopback, for tests and the demo.
-// Serves the configuration document and the library files of one directory, logs every
-// request with the device headers, and fails on demand.
+// Serves the configuration document (signed, given a key) and the library files of one
+// directory, logs every request with the device headers, and fails on demand.
 #include "LocalHttpServer.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 
 #include <QByteArray>
 #include <QCryptographicHash>
@@ -12,6 +15,7 @@
 #include <QJsonObject>
 #include <QString>
 #include <QStringList>
+#include <QUrl>
 
 #include <atomic>
 #include <chrono>
@@ -21,6 +25,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <unistd.h>
 #include <string>
@@ -32,20 +37,29 @@ namespace {
 constexpr size_t kChunkBytes = 64 * 1024;
 // Just over the 16 MiB that devices accept.
 constexpr size_t kOversizedBytes = 16 * 1024 * 1024 + kChunkBytes;
-constexpr int kLongVersionLength = 100000;
+constexpr int kLongVersionLength = 1000;
+// What a version or link with control characters carries: a whole log line of its own.
+const QString kForgedLine = QStringLiteral("\n12:00:00.000 INFO  [Orvello] Running SDK version: 6.6.6-forged");
 const char* const kDeviceHeaders[] = {"X-Device-Key-0", "X-Device-Id-0", "X-Device-Vendor"};
 
 const char* const kUsage =
     "usage: orvello-service --dir DIR --version VERSION --library FILE [--port N] [--fail MODE ...]\n"
+    "                       [--signing-key FILE] [--other-signing-key FILE] [--public-url URL]\n"
     "                       [--stop-on-eof]\n"
     "  --dir DIR          directory whose files are served under /files/\n"
     "  --version VERSION  library version that the configuration document offers\n"
     "  --library FILE     file in DIR that the document links to\n"
     "  --port N           port on 127.0.0.1 (default 0: a free port)\n"
+    "  --signing-key FILE Ed25519 private key (PEM) that signs every document\n"
+    "  --other-signing-key FILE  a second key, for the signature-other-key mode\n"
+    "  --public-url URL   where devices reach this service (links start with it;\n"
+    "                     default http://127.0.0.1:PORT), for a TLS proxy in front\n"
     "  --fail MODE        config-status=CODE library-status=CODE config-delay=MS library-delay=MS\n"
     "                     library-stall=MS config-empty config-not-json config-missing-fields\n"
     "                     config-wrong-types config-long-version library-truncated library-oversized\n"
     "                     library-oversized-chunked wrong-checksum uppercase-checksum\n"
+    "                     signature-missing signature-other-key signature-version=TEXT\n"
+    "                     config-endless config-drip=MS config-control-version config-control-link\n"
     "  --stop-on-eof      stop when standard input ends (the starting process went away)\n";
 
 // What the service is told to get wrong; every field off by default.
@@ -66,6 +80,13 @@ struct Faults
     bool libraryOversizedChunked = false;
     bool wrongChecksum = false;
     bool uppercaseChecksum = false;
+    bool signatureMissing = false;
+    bool signatureOtherKey = false;
+    std::optional<QString> signatureVersion; // signed instead of the offered version
+    bool configEndless = false;
+    int configDripMs = 0;
+    bool configControlVersion = false;
+    bool configControlLink = false;
     QStringList modes;
 };
 
@@ -97,6 +118,10 @@ bool addFault(Faults& faults, const QString& mode, QString* error)
         ok = hasArgument && parseNumber(argument, 0, 600000, &faults.libraryDelayMs);
     else if (name == QLatin1String("library-stall"))
         ok = hasArgument && parseNumber(argument, 0, 600000, &faults.libraryStallMs);
+    else if (name == QLatin1String("config-drip"))
+        ok = hasArgument && parseNumber(argument, 1, 600000, &faults.configDripMs);
+    else if (name == QLatin1String("signature-version") && hasArgument)
+        faults.signatureVersion = argument;
     else if (hasArgument)
         ok = false;
     else if (name == QLatin1String("config-empty"))
@@ -119,6 +144,16 @@ bool addFault(Faults& faults, const QString& mode, QString* error)
         faults.wrongChecksum = true;
     else if (name == QLatin1String("uppercase-checksum"))
         faults.uppercaseChecksum = true;
+    else if (name == QLatin1String("signature-missing"))
+        faults.signatureMissing = true;
+    else if (name == QLatin1String("signature-other-key"))
+        faults.signatureOtherKey = true;
+    else if (name == QLatin1String("config-endless"))
+        faults.configEndless = true;
+    else if (name == QLatin1String("config-control-version"))
+        faults.configControlVersion = true;
+    else if (name == QLatin1String("config-control-link"))
+        faults.configControlLink = true;
     else {
         *error = QStringLiteral("unknown failure mode '%1'").arg(mode);
         return false;
@@ -158,12 +193,74 @@ bool checkLibrary(const QString& dir, const QString& name, QString* error)
     return true;
 }
 
+// An Ed25519 private key that signs documents: the signature of version, a line feed and the
+// lowercase checksum, as devices check it, in base64.
+class Signer
+{
+public:
+    // Reads a PEM private key as `openssl genpkey -algorithm ed25519` writes it.
+    static std::shared_ptr<Signer> load(const QString& path, QString* error)
+    {
+        const QByteArray encodedPath = QFile::encodeName(path);
+        std::FILE* file = std::fopen(encodedPath.constData(), "rb");
+        if (!file) {
+            *error = QStringLiteral("cannot read the signing key %1").arg(path);
+            return nullptr;
+        }
+        EVP_PKEY* key = PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
+        std::fclose(file);
+        if (!key || EVP_PKEY_id(key) != EVP_PKEY_ED25519) {
+            EVP_PKEY_free(key);
+            *error = QStringLiteral("%1 is not an Ed25519 private key in PEM").arg(path);
+            return nullptr;
+        }
+        return std::shared_ptr<Signer>(new Signer(key));
+    }
+    ~Signer() { EVP_PKEY_free(m_key); }
+    Signer(const Signer&) = delete;
+    Signer& operator=(const Signer&) = delete;
+
+    QString sign(const QString& version, const QByteArray& checksum) const
+    {
+        const QByteArray message = version.toUtf8() + '\n' + checksum.toLower();
+        unsigned char signature[64];
+        size_t length = sizeof signature;
+        EVP_MD_CTX* context = EVP_MD_CTX_new();
+        const bool ok = context && EVP_DigestSignInit(context, nullptr, nullptr, nullptr, m_key) == 1
+            && EVP_DigestSign(context, signature, &length, reinterpret_cast<const unsigned char*>(message.constData()),
+                              size_t(message.size())) == 1;
+        EVP_MD_CTX_free(context);
+        if (!ok)
+            return QString();
+        return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(signature), int(length)).toBase64());
+    }
+
+private:
+    explicit Signer(EVP_PKEY* key) : m_key(key) {}
+    EVP_PKEY* m_key;
+};
+
+// A mode that needs something the service was not started with; empty when none does.
+QString missingForFaults(const Faults& faults, bool hasOtherKey)
+{
+    if (faults.signatureOtherKey && !hasOtherKey)
+        return QStringLiteral("signature-other-key needs --other-signing-key");
+    return QString();
+}
+
+struct Keys
+{
+    std::shared_ptr<Signer> signer;      // none: documents go out unsigned
+    std::shared_ptr<Signer> otherSigner; // for signature-other-key
+};
+
 class Service
 {
 public:
-    Service(QString dir, QString version, QString library, Faults faults)
+    Service(QString dir, QString version, QString library, Faults faults, Keys keys)
         : m_server(devkit::LocalHttpServer::Limits(), errorBody)
         , m_dir(std::move(dir))
+        , m_keys(std::move(keys))
         , m_version(std::move(version))
         , m_library(std::move(library))
         , m_faults(std::move(faults))
@@ -203,6 +300,7 @@ public:
         m_port = port;
         m_server.setOwnPort(port);
     }
+    void setPublicUrl(const QString& url) { m_publicUrl = url; }
     bool run() { return m_server.listen_after_bind(); }
     void stop() { m_server.stop(); }
 
@@ -233,6 +331,18 @@ private:
             res.set_content(R"({"version": 110, "link": ["not", "a", "link"], "checksum": false})", "application/json");
             return;
         }
+        if (faults.configEndless) {
+            // No length, no end: a device that reads it whole never stops reading.
+            res.set_chunked_content_provider("application/json", [version](size_t offset, httplib::DataSink& sink) {
+                static const std::string padding(kChunkBytes, 'x');
+                if (offset == 0) {
+                    const std::string start = R"({"version": ")" + version.toStdString() + R"(", "padding": ")";
+                    return sink.write(start.data(), start.size());
+                }
+                return sink.write(padding.data(), padding.size());
+            });
+            return;
+        }
         QString error;
         QByteArray checksum = faults.wrongChecksum
             ? QCryptographicHash::hash("not the library", QCryptographicHash::Sha256).toHex()
@@ -242,14 +352,35 @@ private:
             res.set_content(error.toStdString() + "\n", "text/plain");
             return;
         }
-        if (faults.uppercaseChecksum)
-            checksum = checksum.toUpper();
-        const QJsonObject document{
-            {QStringLiteral("version"), faults.configLongVersion ? longVersion(version) : version},
-            {QStringLiteral("link"), QStringLiteral("http://127.0.0.1:%1/files/%2").arg(m_port).arg(library)},
-            {QStringLiteral("checksum"), QString::fromLatin1(checksum)},
+        const QString offered = faults.configLongVersion ? longVersion(version)
+            : faults.configControlVersion                ? version + kForgedLine
+                                                         : version;
+        const QString base = m_publicUrl.isEmpty() ? QStringLiteral("http://127.0.0.1:%1").arg(m_port) : m_publicUrl;
+        QJsonObject document{
+            {QStringLiteral("version"), offered},
+            {QStringLiteral("link"), base + QStringLiteral("/files/") + library + (faults.configControlLink ? kForgedLine : QString())},
+            {QStringLiteral("checksum"), QString::fromLatin1(faults.uppercaseChecksum ? checksum.toUpper() : checksum)},
         };
-        res.set_content(QJsonDocument(document).toJson(QJsonDocument::Compact).toStdString(), "application/json");
+        const std::shared_ptr<Signer> signer = faults.signatureOtherKey ? m_keys.otherSigner : m_keys.signer;
+        if (signer && !faults.signatureMissing)
+            document.insert(QStringLiteral("signature"),
+                            signer->sign(faults.signatureVersion.value_or(offered), checksum));
+        const std::string body = QJsonDocument(document).toJson(QJsonDocument::Compact).toStdString();
+        if (faults.configDripMs > 0) {
+            // One byte at a time, each after a pause: never idle for long, never done.
+            const int dripMs = faults.configDripMs;
+            res.set_chunked_content_provider("application/json", [body, dripMs](size_t offset, httplib::DataSink& sink) {
+                if (offset >= body.size()) {
+                    sink.done();
+                    return true;
+                }
+                if (offset > 0)
+                    delay(dripMs);
+                return sink.write(body.data() + offset, 1);
+            });
+            return;
+        }
+        res.set_content(body, "application/json");
     }
 
     void serveFile(const std::string& name, httplib::Response& res)
@@ -347,6 +478,9 @@ private:
                 if (!mode.isString() || !addFault(faults, mode.toString(), &error))
                     return refuse(error.isEmpty() ? QStringLiteral("failure modes must be strings") : error);
             }
+            const QString missing = missingForFaults(faults, m_keys.otherSigner != nullptr);
+            if (!missing.isEmpty())
+                return refuse(missing);
         }
         const QJsonValue version = change.value(QStringLiteral("version"));
         if (!version.isUndefined() && !version.isString())
@@ -428,7 +562,9 @@ private:
 
     devkit::LocalHttpServer m_server;
     const QString m_dir;
+    const Keys m_keys;
     int m_port = 0;
+    QString m_publicUrl;
     std::mutex m_mutex;
     QString m_version;
     QString m_library;
@@ -451,6 +587,9 @@ int main(int argc, char** argv)
     QString library;
     int port = 0;
     bool stopOnEof = false;
+    QString signingKey;
+    QString otherSigningKey;
+    QString publicUrl;
     Faults faults;
     for (int i = 1; i < argc; ++i) {
         const QString arg = QString::fromLocal8Bit(argv[i]);
@@ -474,6 +613,12 @@ int main(int argc, char** argv)
             version = value;
         else if (arg == QLatin1String("--library"))
             library = value;
+        else if (arg == QLatin1String("--signing-key"))
+            signingKey = value;
+        else if (arg == QLatin1String("--other-signing-key"))
+            otherSigningKey = value;
+        else if (arg == QLatin1String("--public-url"))
+            publicUrl = value;
         else if (arg == QLatin1String("--port")) {
             if (!parseNumber(value, 0, 65535, &port))
                 return fail(QStringLiteral("--port needs a number from 0 to 65535, not '%1'").arg(value));
@@ -494,6 +639,19 @@ int main(int argc, char** argv)
     QString error;
     if (!checkLibrary(dir, library, &error))
         return fail(error);
+    Keys keys;
+    if (!signingKey.isEmpty() && !(keys.signer = Signer::load(signingKey, &error)))
+        return fail(error);
+    if (!otherSigningKey.isEmpty() && !(keys.otherSigner = Signer::load(otherSigningKey, &error)))
+        return fail(error);
+    error = missingForFaults(faults, keys.otherSigner != nullptr);
+    if (!error.isEmpty())
+        return fail(error);
+    const QUrl parsedPublicUrl(publicUrl, QUrl::StrictMode);
+    if (!publicUrl.isEmpty() && (!parsedPublicUrl.isValid() || parsedPublicUrl.host().isEmpty()))
+        return fail(QStringLiteral("--public-url needs an absolute URL such as https://localhost:8443, not '%1'").arg(publicUrl));
+    while (publicUrl.endsWith(QLatin1Char('/')))
+        publicUrl.chop(1);
 
     // Signals are taken by one thread of our own, so the server's threads never see them.
     sigset_t stopSignals;
@@ -502,11 +660,12 @@ int main(int argc, char** argv)
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    Service service(dir, version, library, faults);
+    Service service(dir, version, library, faults, keys);
     int boundPort = 0;
     if (!service.bind(port, &boundPort))
         return fail(QStringLiteral("cannot listen on 127.0.0.1:%1 (port busy or not allowed)").arg(port));
     service.setPort(boundPort);
+    service.setPublicUrl(publicUrl);
     std::printf("listening on 127.0.0.1:%d\n", boundPort);
     std::fflush(stdout);
 

@@ -109,6 +109,7 @@ bool FaultDevice::start(const Setup& setup)
     QStringList serviceArguments;
     for (const QString& mode : setup.serviceFaults)
         serviceArguments << QStringLiteral("--fail") << mode;
+    serviceArguments += setup.serviceArguments;
     QString error;
     if (!m_rig->startService(setup.offer, offerFile, &error, serviceArguments)) {
         setupError(error);
@@ -129,6 +130,7 @@ bool FaultDevice::start(const Setup& setup)
     if (setup.beforeHost && !setup.beforeHost())
         return false;
     const QStringList env = QStringList{QStringLiteral("OPLAYER_REF_TRACK_SECONDS=%1").arg(kTrackSeconds)} + setup.env;
+    m_rig->setModule(setup.module.isEmpty() ? m_binaries.module : setup.module);
     const QString audioOut = setup.wav ? QStringLiteral("wav:") + wavFile() : QStringLiteral("null");
     if (!m_rig->startHost(settings, audioOut, QStringLiteral("realtime"), env, &error)) {
         fail(QStringLiteral("vrax-host did not come up: %1").arg(error));

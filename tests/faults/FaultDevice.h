@@ -43,6 +43,8 @@ public:
         QString offer = QStringLiteral("1.0.0");   // what the service offers
         QString offerFile;                         // the file it serves; 1.0.0 (or 1.1.0 for a newer offer) when empty
         QStringList serviceFaults;                 // orvello-service failure modes from the start
+        QStringList serviceArguments;              // more of orvello-service's arguments (--public-url URL)
+        QString module;                            // the module the host loads; the default one when empty
         int checkSeconds = 1;
         QString versionUrl;                        // the service's document when empty
         QStringList env;                           // extra environment of the host

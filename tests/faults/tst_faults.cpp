@@ -7,6 +7,7 @@
 // fault behind it. CTest runs each case alone as faults.<name>.
 #include "ChildProcesses.h"
 #include "FaultDevice.h"
+#include "NginxTls.h"
 #include "TestFiles.h"
 
 #include <QCoreApplication>
@@ -64,6 +65,7 @@ const QString kSwapped = QStringLiteral("End of oplayer main loop, cleaning up")
 const QString kDownloadFailed = QStringLiteral("Failed to download new OVM library version.");
 const QString kNoConfig = QStringLiteral("Getting config JSON ended with HTTP code: ");
 const QString kNotVerified = QStringLiteral("Failed to verify downlaoded library");
+const QString kRefused = QStringLiteral("ERROR [Orvello] Refusing the config JSON: its version ");
 const QString kValidCode = QStringLiteral("ABC-DEF");
 const QString kInterrupted = QStringLiteral("Pairing was interrupted, please enter the pairing code again");
 const QString kNotElf = QStringLiteral("ERROR [Orvello] Not loading liboplayer at data-rw/orvello/liboplayer-1.so: not an ELF file");
@@ -881,11 +883,15 @@ void overlappingDownloads(FaultDevice& d)
     d.expectVersion(QStringLiteral("1.1.0"));
 }
 
-// ---- another local account and one update ----------------------------------------------
-// The attacker is another local account (uid 65534, as "nobody"): it can write /tmp and
-// whatever it was given. Its planted library (tests/fakes, FAKE_PLANTED) is a working player
-// library whose constructor appends "uid=N" to a mark file the moment the file is mapped: held
-// means the mark never appears.
+// ---- attackers: another local account, the update server and the network path -------------
+// Both plant the same library (tests/fakes, FAKE_PLANTED): a working player library whose
+// constructor appends "uid=N" to a mark file the moment the file is mapped. Held always means
+// the mark never appears, and the music went on.
+//
+// Another local account (uid 65534, as "nobody") can write /tmp and whatever it was given.
+// A server on the network path answers the device's check in place of the service, or stands
+// between the two; held also means nothing was downloaded, the log says why, and the genuine
+// service's update still arrives afterwards.
 
 constexpr uid_t kOtherAccount = 65534;
 
@@ -903,6 +909,16 @@ bool giveToOtherAccount(FaultDevice& d, const QStringList& paths)
         }
     }
     return true;
+}
+
+// Nothing was downloaded from the service.
+void expectNothingDownloaded(FaultDevice& d)
+{
+    for (const QJsonValue& request : d.rig().serviceRequests())
+        if (request.toObject().value(QStringLiteral("path")).toString().startsWith(QLatin1String("/files/")))
+            return d.fail(QStringLiteral("the device downloaded %1").arg(request.toObject().value(QStringLiteral("path")).toString()));
+    if (QFile::exists(QStringLiteral("/tmp/orvello/liboplayer-1.so")))
+        d.fail(QStringLiteral("a download stands at /tmp/orvello/liboplayer-1.so"));
 }
 
 void expectPlantedNeverRan(FaultDevice& d)
@@ -1099,6 +1115,175 @@ void codeWhileSearching(FaultDevice& d)
     d.expectKeepsPlaying(3000, QStringLiteral("the pairing"));
 }
 
+// The planted library offered as 9.9.9 with its matching checksum and a signature that is
+// missing or wrong in the way mode says; then the genuine service offers 1.1.0, signed.
+Scenario plantedOffer(const QString& mode, const QString& problem)
+{
+    return [=](FaultDevice& d) {
+        Setup setup = offering(QStringLiteral("9.9.9"), {mode});
+        setup.offerFile = QStringLiteral(FAKE_PLANTED);
+        setup.env = QStringList{QStringLiteral("ORVELLO_PLANTED_MARK=") + plantedMark(d)};
+        if (!d.start(setup))
+            return;
+        d.expectKeepsPlaying(5000, QStringLiteral("offers of a planted library"));
+        d.expectLog(QStringLiteral("ERROR [Orvello] Not downloading version 9.9.9: ") + problem
+                    + QStringLiteral("; checking again at the next interval"));
+        d.expectNoLog(QStringLiteral("Downloading version 9.9.9"));
+        expectNothingDownloaded(d);
+        d.expectVersion(QStringLiteral("1.0.0"));
+        if (!d.offer(QStringLiteral("1.1.0"), d.binaries().library110) || !d.serviceFails({}))
+            return;
+        d.expectLog(kUpdated, kUpdateMs);
+        d.expectKeepsPlaying(3000, QStringLiteral("the genuine update"));
+        expectPlantedNeverRan(d);
+    };
+}
+
+// One https case: nginx, with its certificates and the test authority trusted inside this
+// case's mount namespace, stands in front of the service. check: the certificate the
+// configuration URL meets (Trusted with /to-http/ redirects to plain http); download: the one
+// the document's links meet. errors: the ERROR lines it must say; none for a genuine update.
+Scenario overHttps(NginxTls::Certificate check, const QString& checkPath, NginxTls::Certificate download,
+                   const QStringList& errors)
+{
+    return [=](FaultDevice& d) {
+        auto tls = std::make_shared<NginxTls>(d.workDir() + QStringLiteral("/tls"));
+        Setup setup = offering(QStringLiteral("1.1.0"));
+        setup.versionUrl = tls->url(check, checkPath);
+        setup.serviceArguments = QStringList{QStringLiteral("--public-url"), tls->url(download, QString())};
+        setup.beforeHost = [&d, tls] {
+            QString error;
+            if (!tls->start(d.rig().servicePort(), &error) || !tls->trustAuthority(&error)) {
+                d.setupError(error);
+                return false;
+            }
+            return true;
+        };
+        if (!d.start(setup))
+            return;
+        if (errors.isEmpty()) {
+            d.expectLog(kUpdated, kUpdateMs);
+            d.expectKeepsPlaying(3000, QStringLiteral("the update over https"));
+            return;
+        }
+        d.expectKeepsPlaying(5000, QStringLiteral("checks the device cannot make safely"));
+        for (const QString& error : errors)
+            d.expectLog(QStringLiteral("ERROR [Orvello] ") + error);
+        d.expectNoLog(QStringLiteral("Completed downloading new OVM library version."));
+        expectNothingDownloaded(d);
+        d.expectVersion(QStringLiteral("1.0.0"));
+    };
+}
+
+QString tlsError(const QString& problem)
+{
+    return QStringLiteral("Getting config JSON failed: TLS error: ") + problem;
+}
+
+// The host's resident memory in KiB; -1 when it cannot be read.
+qint64 residentKiB(qint64 pid)
+{
+    static const QRegularExpression rss(QStringLiteral("^VmRSS:\\s+(\\d+) kB$"), QRegularExpression::MultilineOption);
+    const QRegularExpressionMatch match = rss.match(QString::fromLatin1(fileBytes(QStringLiteral("/proc/%1/status").arg(pid))));
+    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
+}
+
+// A document with no length that never ends, at every check: read only up to 64 KiB, so the
+// host's memory stays where it was (it grew by megabytes a second when the whole body was read).
+void endlessDocument(FaultDevice& d)
+{
+    if (!d.start(offering(QStringLiteral("1.1.0"))))
+        return;
+    const qint64 before = residentKiB(d.rig().hostPid());
+    if (!d.serviceFails({QStringLiteral("config-endless")}))
+        return;
+    d.expectKeepsPlaying(8000, QStringLiteral("endless documents"));
+    d.expectLog(QStringLiteral("ERROR [Orvello] The config JSON is longer than 65536 bytes; it is cut there and not used"));
+    const qint64 after = residentKiB(d.rig().hostPid());
+    if (before < 0 || after < 0)
+        return d.setupError(QStringLiteral("cannot read the host's memory"));
+    qInfo("host's resident memory: %lld KiB before the endless documents, %lld KiB after", before, after);
+    // ASan keeps freed memory in its quarantine (up to 256 MB), so only the other builds can
+    // judge the host by its size; the ASan build judges what happens to that memory.
+#ifndef __SANITIZE_ADDRESS__
+    if (after - before > 16 * 1024)
+        d.fail(QStringLiteral("the host grew from %1 KiB to %2 KiB reading endless documents").arg(before).arg(after));
+#endif
+    if (!d.serviceFails({}))
+        return;
+    d.expectLog(kUpdated, kUpdateMs);
+}
+
+// A document that drips one byte every 20 s, so no inactivity timeout ever fires: the check
+// ends at its deadline.
+void drippingDocument(FaultDevice& d)
+{
+    Setup setup = offering(QStringLiteral("1.1.0"), {QStringLiteral("config-drip=20000")});
+    setup.checkSeconds = 600;
+    if (!d.start(setup))
+        return;
+    d.expectKeepsPlaying(30000, QStringLiteral("a document that never finishes"));
+    d.expectLog(QStringLiteral("ERROR [Orvello] The config JSON did not arrive within 30 s; the check is cancelled"), 4000);
+    d.expectLogAtMost(QStringLiteral("The config JSON did not arrive within"), 1);
+    d.expectVersion(QStringLiteral("1.0.0"));
+}
+
+// A version, then a link, that carry a line feed and a whole log line behind it, with the
+// module's lines down to TRACE on (where the raw document is logged): every line that holds
+// the remote text holds it escaped, and no line of the log was written by the server.
+void forgedLogLines(FaultDevice& d)
+{
+    const QString config = d.workDir() + QStringLiteral("/log.properties");
+    if (!writeBytes(config, "log4cplus.rootLogger=INFO, STDERR\n"
+                            "log4cplus.logger.Orvello=TRACE\n"
+                            "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
+                            "log4cplus.appender.STDERR.logToStdErr=true\n"
+                            "log4cplus.appender.STDERR.ImmediateFlush=true\n"
+                            "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
+                            "log4cplus.appender.STDERR.layout.ConversionPattern=%D{%H:%M:%S.%q} %-5p [%c] %m%n\n"))
+        return d.setupError(QStringLiteral("cannot write %1").arg(config));
+    d.rig().setExtraHostArguments({QStringLiteral("--log-config"), config});
+    if (!d.start(offering(QStringLiteral("1.1.0"), {QStringLiteral("config-control-version")})))
+        return;
+    d.expectLog(QStringLiteral("ERROR [Orvello] Refusing the config JSON: its version \"1.1.0\\n12:00:00.000 INFO  [Orvello] "
+                               "Running SDK version: 6.6.6-forged\" is not 1 to 64 printable ASCII characters (character 6 is U+000a)"),
+                5000);
+    if (!d.serviceFails({QStringLiteral("config-control-link")}))
+        return;
+    d.expectLog(QStringLiteral("DEBUG [Orvello] Config link: http://127.0.0.1:"), 5000);
+    d.expectLog(kDownloadFailed, 5000);
+    d.expectKeepsPlaying(2000, QStringLiteral("documents with forged lines"));
+    static const QRegularExpression forged(QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} INFO  \\[Orvello\\] Running SDK version: 6\\.6\\.6"));
+    const QStringList log = d.log();
+    if (!log.filter(forged).isEmpty())
+        d.fail(QStringLiteral("the server wrote a line of the log: %1").arg(log.filter(forged).first()));
+    for (const QString& line : log.filter(QStringLiteral("6.6.6-forged")))
+        if (!line.contains(QLatin1String("\\n12:00:00.000 INFO  [Orvello] Running SDK version: 6.6.6-forged")))
+            d.fail(QStringLiteral("remote text reached the log unescaped: %1").arg(line.left(300)));
+    if (log.filter(QStringLiteral("6.6.6-forged")).filter(QStringLiteral("TRACE [Orvello] OVM Config JSON:")).isEmpty())
+        d.fail(QStringLiteral("the TRACE line of the document is not in the log"));
+    d.expectVersion(QStringLiteral("1.0.0"));
+    if (!d.serviceFails({}))
+        return;
+    d.expectLog(kUpdated, kUpdateMs);
+}
+
+// The module built without an update key: it says so once at start and takes what the
+// service offers, signed or not, as it did before signatures.
+void keylessModule(FaultDevice& d)
+{
+    Setup setup = offering(QStringLiteral("1.1.0"), {QStringLiteral("signature-missing")});
+    setup.module = QStringLiteral(ORVELLO_MODULE_NOKEY_PATH);
+    if (!d.start(setup))
+        return;
+    d.expectLogOnce(QStringLiteral("WARN  [Orvello] Player library updates are not authenticated: this module was built "
+                                   "without an update key, so it installs any library whose checksum matches the "
+                                   "service's document"));
+    d.expectLog(kUpdated, kUpdateMs);
+    d.expectKeepsPlaying(3000, QStringLiteral("the unsigned update"));
+    d.expectNoLog(QStringLiteral("Not downloading version"));
+}
+
 QString notElf(FaultDevice& d)
 {
     return randomFile(d);
@@ -1124,10 +1309,12 @@ const std::vector<Fault> kFaults = {
     {"config-500", "the document answers 500", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"config-status=500"}, kNoConfig + "500"), nullptr, AlsoAsan},
     {"config-empty", "the document is an empty 200", "plays on at 1.0.0, logs the empty body, updates once cleared", serviceFails({"config-empty"}, "JSON fetch result output is empty."), nullptr, AlsoAsan},
     {"config-not-json", "the document is not JSON", "plays on at 1.0.0, logs the parse error, updates once cleared", serviceFails({"config-not-json"}, "An error occurred during parsing of the config JSON: "), nullptr, AlsoAsan},
-    {"config-missing-fields", "the document is {}", "plays on at 1.0.0 and downloads nothing, updates once cleared", serviceFails({"config-missing-fields"}, "Version  already on the device, ignoring..."), nullptr, AlsoAsan},
-    {"config-wrong-types", "version a number, link an array, checksum a bool", "plays on at 1.0.0, reads no version and downloads nothing, updates once cleared", serviceFails({"config-wrong-types"}, "Version  already on the device, ignoring..."), nullptr, AlsoAsan},
-    {"config-long-version", "a 100,000-character version that sorts newer", "plays on through the swap to 1.1.0 and every swap after it", serviceFails({"config-long-version"}, kUpdated, "1.1.0"), nullptr, AlsoAsan},
-    {"config-too-slow", "the document answers after 31 s", "plays on through the client's 30 s timeout and logs it", serviceTooSlow("config-delay=31000", kNoConfig + "0"), nullptr, Plain},
+    {"config-missing-fields", "the document is {}", "plays on at 1.0.0, refuses a document without a version, updates once cleared", serviceFails({"config-missing-fields"}, kRefused + "\"\" is not 1 to 64 printable ASCII characters (it is empty or not text)"), nullptr, AlsoAsan},
+    {"config-wrong-types", "version a number, link an array, checksum a bool", "plays on at 1.0.0, reads no version and refuses the document, updates once cleared", serviceFails({"config-wrong-types"}, kRefused + "\"\" is not 1 to 64 printable ASCII characters (it is empty or not text)"), nullptr, AlsoAsan},
+    {"config-long-version", "a 1,000-character version that sorts newer", "plays on at 1.0.0, refuses the version, updates once cleared", serviceFails({"config-long-version"}, kRefused + "\"1.1.0.999"), nullptr, AlsoAsan},
+    {"config-endless", "a document without a length that never ends", "plays on, reads 64 KiB of it and says so, the host grows by less than 16 MiB (outside ASan), updates once cleared", endlessDocument, nullptr, AlsoAsan},
+    {"config-drip", "the document drips one byte every 20 s", "plays on; the check ends at its 30 s deadline with an ERROR line", drippingDocument, nullptr, Plain},
+    {"config-forged-log-lines", "a version, then a link, carrying a line feed and a log line of their own (module at TRACE)", "every line with the remote text has it escaped, no line is the server's, updates once cleared", forgedLogLines, nullptr, AlsoAsan},
     {"library-404", "the library download answers 404", "plays on at 1.0.0, logs the status, updates once cleared", serviceFails({"library-status=404"}, "Downloading library failed with HTTP code: 404"), nullptr, AlsoAsan},
     {"library-truncated", "the library announces its length, sends half and closes", "plays on at 1.0.0, the half file is never verified, updates once cleared", serviceFails({"library-truncated"}, kDownloadFailed), nullptr, AlsoAsan},
     {"library-oversized", "a library body of 16 MiB + 64 KiB with its length", "plays on at 1.0.0, the body is refused, updates once cleared", serviceFails({"library-oversized"}, kDownloadFailed), nullptr, AlsoAsan},
@@ -1149,7 +1336,19 @@ const std::vector<Fault> kFaults = {
     {"update-create-fails", "a new library whose create fails (system copy present)", "plays on at 1.0.0, says why, tries it at most once, keeps 1.0.0 across a restart", badUpdate(createFails, LibraryAt::SystemCopy, kCreateFails), nullptr, AlsoAsan},
     {"update-create-fails-installed-only", "a new library whose create fails (only an installed 1.0.0)", "1.0.0 put back and plays on, says why, tries it at most once, keeps 1.0.0 across a restart", badUpdate(createFails, LibraryAt::Installed, kCreateFails), nullptr, AlsoAsan},
     {"update-wrong-checksum", "the document's checksum is not the file's", "plays on at 1.0.0, logs the failed verification, updates once cleared", serviceFails({"wrong-checksum"}, kNotVerified), nullptr, AlsoAsan},
-    {"update-uppercase-checksum", "the checksum in uppercase hex", "plays on at 1.0.0, does not verify it, updates once cleared", serviceFails({"uppercase-checksum"}, kNotVerified), nullptr, AlsoAsan},
+    {"update-uppercase-checksum", "the checksum in uppercase hex", "plays on at 1.0.0, downloads nothing (the signature covers lowercase), updates once cleared", serviceFails({"uppercase-checksum"}, "Not downloading version 1.1.0: the checksum is not 64 lowercase hexadecimal digits"), nullptr, AlsoAsan},
+
+    // The update server and the network path: the attacker is a server on the path.
+    {"attack-unsigned-library", "a server on the path offers a planted library (9.9.9) with its checksum and no signature", "held: the planted code never ran, nothing downloaded, 1.0.0 plays on, the ERROR names the version and the missing signature; the genuine 1.1.0 arrives after", plantedOffer("signature-missing", "the signature is missing"), nullptr, AlsoAsan},
+    {"attack-other-key", "a server on the path offers a planted library signed with a key the device does not trust", "held: the planted code never ran, nothing downloaded, 1.0.0 plays on, says the signature does not verify; the genuine 1.1.0 arrives after", plantedOffer("signature-other-key", "the signature does not verify with the device's update key"), nullptr, AlsoAsan},
+    {"attack-other-version", "a server on the path offers a planted library as 9.9.9 with a signature made for 1.0.9", "held: the planted code never ran, nothing downloaded, 1.0.0 plays on, says the signature does not verify; the genuine 1.1.0 arrives after", plantedOffer("signature-version=1.0.9", "the signature does not verify with the device's update key"), nullptr, AlsoAsan},
+    {"https-unknown-authority", "the update server answers https with a self-signed certificate", "held: nothing fetched, 1.0.0 plays on, the ERROR line names the unknown authority", overHttps(NginxTls::Certificate::SelfSigned, "/config.json", NginxTls::Certificate::Trusted, {kNoConfig + "0", tlsError("unknown authority")}), nullptr, AlsoAsan},
+    {"https-wrong-name", "the update server's certificate is for another name", "held: nothing fetched, 1.0.0 plays on, the ERROR line names the wrong host name", overHttps(NginxTls::Certificate::OtherName, "/config.json", NginxTls::Certificate::Trusted, {kNoConfig + "0", tlsError("wrong host name")}), nullptr, AlsoAsan},
+    {"https-expired", "the update server's certificate has expired", "held: nothing fetched, 1.0.0 plays on, the ERROR line says expired", overHttps(NginxTls::Certificate::Expired, "/config.json", NginxTls::Certificate::Trusted, {kNoConfig + "0", tlsError("expired")}), nullptr, AlsoAsan},
+    {"https-download-expired", "the document over good https links to a server whose certificate has expired", "held: nothing downloaded, 1.0.0 plays on, the download's ERROR line says expired", overHttps(NginxTls::Certificate::Trusted, "/config.json", NginxTls::Certificate::Expired, {"Downloading library failed with HTTP code: 0", "Downloading library failed: TLS error: expired", kDownloadFailed}), nullptr, AlsoAsan},
+    {"https-redirect-to-http", "the https update server redirects the check to plain http", "held: the redirect is refused and said, nothing fetched, 1.0.0 plays on", overHttps(NginxTls::Certificate::Trusted, "/to-http/config.json", NginxTls::Certificate::Trusted, {kNoConfig + "302", "Getting config JSON failed: Refused the redirect to http://127.0.0.1:"}), nullptr, AlsoAsan},
+    {"https-genuine-update", "the genuine service over https (test authority trusted), signed", "1.1.0 arrives over https and plays", overHttps(NginxTls::Certificate::Trusted, "/config.json", NginxTls::Certificate::Trusted, {}), nullptr, AlsoAsan},
+    {"keyless-module", "the module built without an update key, unsigned offers", "one WARN at start that updates are not authenticated; the unsigned 1.1.0 arrives and plays", keylessModule, nullptr, AlsoAsan},
     {"unverified-download-at-restart", "a download that failed verification, then a restart", "after the restart 1.0.0 plays and nothing is installed; once it verifies, 1.1.0 plays", unverifiedDownloadAtRestart, nullptr, AlsoAsan},
 
     // Disk.
@@ -1231,21 +1430,6 @@ const Fault* findFault(const QString& name)
         if (name == QLatin1String(fault.name))
             return &fault;
     return nullptr;
-}
-
-QByteArray linkTarget(const char* path)
-{
-    char target[256];
-    const ssize_t length = readlink(path, target, sizeof target);
-    return length > 0 ? QByteArray(target, int(length)) : QByteArray();
-}
-
-// private-tmp runs the test in a mount namespace of its own, apart from CTest's.
-bool inPrivateMountNamespace()
-{
-    const QByteArray own = linkTarget("/proc/self/ns/mnt");
-    const QByteArray parent = linkTarget(qPrintable(QStringLiteral("/proc/%1/ns/mnt").arg(getppid())));
-    return !own.isEmpty() && !parent.isEmpty() && own != parent;
 }
 
 // One result file per case for the summary: "survived" or "not survived", the open mark, why.

@@ -3,6 +3,7 @@
 // Helpers shared by the player library host's tests.
 #include "LibraryFiles.h"
 #include "LibraryStore.h"
+#include "TestSigning.h"
 #include "OPlayerLib.h"
 #include "OrvelloUpdater.h"
 
@@ -35,7 +36,9 @@ inline bool placeVerifiedDownload(const QString& library, const QString& version
 {
     QString error;
     return placeLibrary(library, kDownloadPath)
-        && LibraryFiles::writeRecord(LibraryStore().recordPath(), {version, LibraryFiles::sha256Hex(library), QString()},
+        && LibraryFiles::writeRecord(LibraryStore().recordPath(),
+                                     {version, LibraryFiles::sha256Hex(library),
+                                      testSignature(version, LibraryFiles::sha256Hex(library))},
                                      &error);
 }
 

@@ -1,4 +1,5 @@
 #include "ChildProcesses.h"
+#include "NginxTls.h"
 #include "OrvelloServiceProcess.h"
 
 #include "http/httpclient.h"
@@ -12,6 +13,8 @@
 
 #include <memory>
 
+Q_DECLARE_METATYPE(NginxTls::Certificate)
+
 namespace {
 constexpr int k16MiB = 16 * 1024 * 1024;
 constexpr int kSmallLibrary = 80 * 1024 + 3;
@@ -21,6 +24,7 @@ struct Call
     int state;
     int httpCode;
     QByteArray output;
+    QString error;
 };
 
 // Every call a request's callback got, in order.
@@ -30,7 +34,7 @@ struct Recorder
     bool ended() const { return !calls.isEmpty() && calls.last().state != HttpClientResult::DataAvailable; }
     HttpClient::Callback callback()
     {
-        return [this](const HttpClientResult& r) { calls.append({int(r.state()), r.httpCode(), r.output()}); };
+        return [this](const HttpClientResult& r) { calls.append({int(r.state()), r.httpCode(), r.output(), r.errorString()}); };
     }
 };
 
@@ -68,11 +72,15 @@ private Q_SLOTS:
     void truncatedBodyNeverCompletes();
     void wholeBodiesStayWhole_data();
     void wholeBodiesStayWhole();
+    void tls_data();
+    void tls();
 
 private:
     QTemporaryDir m_dir;
     QByteArray m_library;
     std::unique_ptr<OrvelloServiceProcess> m_service;
+    std::unique_ptr<NginxTls> m_tls;
+    QString m_tlsUnavailable;
 };
 
 void tst_HttpClient::initTestCase()
@@ -96,6 +104,14 @@ void tst_HttpClient::initTestCase()
     QString error;
     QVERIFY2(m_service->start({"--dir", m_dir.path(), "--version", "1.0.0", "--library", "lib.so"}, &error),
              qPrintable(error));
+    // nginx over TLS in front of the service, its authority trusted before any TLS connection.
+    m_tlsUnavailable = NginxTls::unavailable();
+    if (m_tlsUnavailable.isEmpty()) {
+        m_tls = std::make_unique<NginxTls>(m_dir.filePath(QStringLiteral("tls")));
+        QVERIFY2(m_tls->start(m_service->port(), &error), qPrintable(error));
+        if (!m_tls->trustAuthority(&m_tlsUnavailable))
+            m_tls.reset();
+    }
 }
 
 void tst_HttpClient::init()
@@ -391,6 +407,58 @@ void tst_HttpClient::wholeBodiesStayWhole()
             received += call.output;
         QCOMPARE(received, body);
     }
+}
+
+void tst_HttpClient::tls_data()
+{
+    QTest::addColumn<NginxTls::Certificate>("certificate");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<int>("state");
+    QTest::addColumn<int>("httpCode");
+    QTest::addColumn<QString>("error"); // errorString() (%1: the service's port); empty: no error
+
+    const int failed = HttpClientResult::NetworkError;
+    // clang-format off
+    QTest::newRow("trusted") << NginxTls::Certificate::Trusted << "/files/small.so" << 0 << 200 << QString();
+    QTest::newRow("self-signed") << NginxTls::Certificate::SelfSigned << "/files/small.so" << failed << 0
+        << "TLS error: unknown authority (The certificate is self-signed, and untrusted)";
+    QTest::newRow("another name") << NginxTls::Certificate::OtherName << "/files/small.so" << failed << 0
+        << "TLS error: wrong host name (The host name did not match any of the valid hosts for this certificate)";
+    QTest::newRow("expired") << NginxTls::Certificate::Expired << "/files/small.so" << failed << 0
+        << "TLS error: expired (The certificate has expired)";
+    QTest::newRow("redirect to http") << NginxTls::Certificate::Trusted << "/to-http/files/small.so" << failed << 302
+        << "Refused the redirect to http://127.0.0.1:%1/files/small.so: an https request is never followed to plain http";
+    // clang-format on
+}
+
+// Against nginx with certificates of each kind: what went wrong is named, and a plain-http
+// redirect of an https request is never followed.
+void tst_HttpClient::tls()
+{
+    QFETCH(NginxTls::Certificate, certificate);
+    QFETCH(QString, path);
+    QFETCH(int, state);
+    QFETCH(int, httpCode);
+    QFETCH(QString, error);
+    if (!m_tls)
+        QSKIP(qPrintable(m_tlsUnavailable));
+    const int servedBefore = m_service->requests().size();
+    HttpClient client(nullptr, HttpClient::Http1_1, true);
+    Recorder recorder;
+    client.get(VraxUrl::fromEncoded(m_tls->url(certificate, path)), HttpClientOptions(), recorder.callback());
+    QTRY_VERIFY_WITH_TIMEOUT(recorder.ended(), 10000);
+    const Call last = recorder.calls.last();
+    QCOMPARE(last.state, state);
+    QCOMPARE(last.httpCode, httpCode);
+    if (error.isEmpty()) {
+        QCOMPARE(last.output, m_library.left(kSmallLibrary));
+        QVERIFY(last.error.isEmpty());
+    } else {
+        QVERIFY(last.output.isEmpty());
+        QCOMPARE(last.error, error.contains("%1") ? error.arg(m_service->port()) : error);
+    }
+    // Nothing reached the service behind a refused handshake or redirect.
+    QCOMPARE(m_service->requests().size() - servedBefore, error.isEmpty() ? 1 : 0);
 }
 
 QTEST_GUILESS_MAIN(tst_HttpClient)

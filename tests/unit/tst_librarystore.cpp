@@ -3,6 +3,7 @@
 // No library is ever opened here; the host's tests (tst_oplayerlib) load real ones.
 #include "LogCapture.h"
 #include "TestFiles.h"
+#include "TestSigning.h"
 
 #include "LibraryFiles.h"
 #include "LibraryStore.h"
@@ -17,6 +18,8 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <optional>
 
 namespace {
 // Another local account, as /etc/passwd's "nobody".
@@ -77,11 +80,16 @@ struct StoreFixture
     ~StoreFixture() { QDir::setCurrent(previous); }
     QString scratch() const { return dir.path() + QStringLiteral("/scratch"); }
     // A download left by the updater, with the record it writes once it verified.
-    bool offer(const QByteArray& bytes, const QString& version, const QString& checksum)
+    // The record is signed by the module's test key unless a signature is given.
+    bool offer(const QByteArray& bytes, const QString& version, const QString& checksum,
+               const std::optional<QString>& signature = std::nullopt)
     {
         QString error;
         return writeBytes(store.downloadPath(), bytes)
-            && (checksum.isNull() || LibraryFiles::writeRecord(store.recordPath(), {version, checksum, "c2ln"}, &error));
+            && (checksum.isNull()
+                || LibraryFiles::writeRecord(store.recordPath(),
+                                             {version, checksum, signature.value_or(testSignature(version, checksum))},
+                                             &error));
     }
     QTemporaryDir dir;
     QString previous;
@@ -201,7 +209,7 @@ void TestLibraryStore::modesWhateverTheUmask()
     if (fd >= 0)
         ::close(fd);
     f.store.publishDownload();
-    const bool recorded = f.store.addVerifiedDownload({"1.1.0", sha256Hex(kNew), QString()}, &error);
+    const bool recorded = f.store.addVerifiedDownload({"1.1.0", sha256Hex(kNew), testSignature("1.1.0", sha256Hex(kNew))}, &error);
     const bool installed = f.store.install();
     const QString privateDir = LibraryFiles::makePrivateDirectory(f.dir.path() + QStringLiteral("/private-XXXXXX"), &error);
     ::umask(before);
@@ -245,7 +253,7 @@ void TestLibraryStore::neverThroughALink()
     QVERIFY(::write(fd, kNew.constData(), size_t(kNew.size())) == kNew.size());
     ::close(fd);
     f.store.publishDownload();
-    QVERIFY(f.store.addVerifiedDownload({"1.1.0", sha256Hex(kNew), QString()}, &error));
+    QVERIFY(f.store.addVerifiedDownload({"1.1.0", sha256Hex(kNew), testSignature("1.1.0", sha256Hex(kNew))}, &error));
     QCOMPARE(f.store.install(), installs);
     QCOMPARE(fileBytes(victim), kNew);
     QCOMPARE(modeOf(victim), mode_t(0644));
@@ -260,7 +268,8 @@ void TestLibraryStore::installRules_data()
 {
     QTest::addColumn<QString>("running");  // what runs: "old" (the installed copy), "new" (the offered file), "" nothing
     QTest::addColumn<QString>("version");  // of what runs
-    QTest::addColumn<QString>("record");   // "match", "other" (another file's checksum), "none", "garbage"
+    QTest::addColumn<QString>("record");   // "match", "other" (another file's checksum), "none", "garbage",
+                                           // "unsigned", "other key" (matching, but not signed by the module's key)
     QTest::addColumn<QString>("setup");    // "", "rejected", "no persistent", "open persistent", "open scratch", "foreign scratch"
     QTest::addColumn<bool>("wants");       // a check downloads the offered file (nothing waiting)
     QTest::addColumn<bool>("installs");
@@ -273,6 +282,8 @@ void TestLibraryStore::installRules_data()
     QTest::newRow("not verified") << "old" << "1.0.0" << "none" << "" << true << false << true << waiting + "it has not passed verification; it stays where it is and the installed library is kept";
     QTest::newRow("record of another file") << "old" << "1.0.0" << "other" << "" << true << false << true << waiting + "it is not the file that passed verification; it stays where it is and the installed library is kept";
     QTest::newRow("record that is no record") << "old" << "1.0.0" << "garbage" << "" << true << false << true << waiting + "it has not passed verification; it stays where it is and the installed library is kept";
+    QTest::newRow("record without a signature") << "old" << "1.0.0" << "unsigned" << "" << true << false << false << "Not installing version 1.1.0 from SCRATCH/liboplayer-1.so: the signature is missing; the download is removed and the installed library is kept";
+    QTest::newRow("record signed by another key") << "old" << "1.0.0" << "other key" << "" << true << false << false << "Not installing version 1.1.0 from SCRATCH/liboplayer-1.so: the signature does not verify with the device's update key; the download is removed and the installed library is kept";
     QTest::newRow("the file that runs") << "new" << "1.1.0" << "match" << "" << false << false << false << "Not installing version 1.1.0: its file is the library that runs already (from data-rw/orvello/liboplayer-1.so); the download is removed";
     QTest::newRow("not newer than what runs") << "old" << "1.2.0" << "match" << "" << false << false << false << "Not installing version 1.1.0: version 1.2.0 runs, and 1.1.0 does not sort after it; the download is removed";
     QTest::newRow("rolled back on this device") << "old" << "1.0.0" << "match" << "rejected" << false << false << true << "Not installing version 1.1.0 again: it did not load on this device and was rolled back; the installed library is kept";
@@ -306,11 +317,16 @@ void TestLibraryStore::installRules()
         QVERIFY(LibraryFiles::writeRecord(installed + ".rejected", {"1.1.0", sha256Hex(kNew), QString()}, &error));
     QCOMPARE(f.store.wantsDownload("1.1.0", sha256Hex(kNew)), wants);
 
-    const QString checksum = record == QLatin1String("match")     ? sha256Hex(kNew)
+    const bool matching = record == QLatin1String("match") || record == QLatin1String("unsigned")
+                          || record == QLatin1String("other key");
+    const QString checksum = matching                             ? sha256Hex(kNew)
                              : record == QLatin1String("other")   ? sha256Hex("another file")
                              : record == QLatin1String("garbage") ? sha256Hex(kNew).toUpper()
                                                                   : QString();
-    QVERIFY(f.offer(kNew, "1.1.0", checksum));
+    const std::optional<QString> signature = record == QLatin1String("unsigned")    ? std::optional<QString>(QString())
+                                             : record == QLatin1String("other key") ? signatureBy(otherSigningKeyPath(), "1.1.0", checksum)
+                                                                                    : std::optional<QString>();
+    QVERIFY(f.offer(kNew, "1.1.0", checksum, signature));
     if (setup == QLatin1String("no persistent"))
         QVERIFY(QDir(QStringLiteral("data-rw/orvello")).removeRecursively());
     if (setup == QLatin1String("open persistent"))

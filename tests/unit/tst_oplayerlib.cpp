@@ -566,10 +566,10 @@ private Q_SLOTS:
         if (!download.isEmpty())
             QVERIFY(writeBytes(kDownloadPath, downloaded));
         QString error;
+        const QString checksum = sha256Hex(record == QLatin1String("match") ? downloaded : "other");
         if (record != QLatin1String("none"))
             QVERIFY2(LibraryFiles::writeRecord(recordPath,
-                                               {QStringLiteral("1.1.0"),
-                                                sha256Hex(record == QLatin1String("match") ? downloaded : "other"), QString()},
+                                               {QStringLiteral("1.1.0"), checksum, testSignature("1.1.0", checksum)},
                                                &error),
                      qPrintable(error));
         if (blockNewCopy)

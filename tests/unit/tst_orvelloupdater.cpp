@@ -1,12 +1,15 @@
 #include "ChildProcesses.h"
 #include "LogCapture.h"
+#include "NginxTls.h"
 #include "OrvelloServiceProcess.h"
 #include "TestFiles.h"
 #include "TestPlatform.h"
+#include "TestSigning.h"
 
 #include "LibraryFiles.h"
 #include "LibraryStore.h"
 #include "OrvelloUpdater.h"
+#include "UpdateSignature.h"
 
 #include "model/cmnode.h"
 #include "model/cmnodes.h"
@@ -16,6 +19,8 @@
 #include <QDir>
 #include <QFile>
 #include <QNetworkReply>
+#include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QtTest>
@@ -23,6 +28,8 @@
 #include <log4cplus/loglevel.h>
 
 #include <memory>
+
+#include <unistd.h>
 
 namespace {
 const QString kDest = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_DEST);
@@ -73,6 +80,9 @@ private Q_SLOTS:
     void oneDownloadAtATime();
     void oneDownloadPerOffer_data();
     void oneDownloadPerOffer();
+    void deadlines_data();
+    void deadlines();
+    void failedWriteEndsItsDeadline();
 
 private:
     // Starts the service offering `offered`, a platform pointing at it and the version node.
@@ -110,7 +120,9 @@ void tst_OrvelloUpdater::setUp(const QString& current, const QString& offered, c
                                int intervalSeconds, bool withUrl)
 {
     m_service = std::make_unique<OrvelloServiceProcess>();
-    QStringList args{"--dir", m_libraryDir.path(), "--version", offered, "--library", "liboplayer-1.so"};
+    QStringList args{"--dir",         m_libraryDir.path(),      "--version",           offered,
+                     "--library",     "liboplayer-1.so",        "--signing-key",       ORVELLO_TEST_SIGNING_KEY,
+                     "--other-signing-key", ORVELLO_OTHER_SIGNING_KEY};
     for (const QString& fault : faults)
         args << "--fail" << fault;
     QString error;
@@ -137,15 +149,19 @@ void tst_OrvelloUpdater::newerVersionIsInstalledForUse()
     const VerifiedDownload record = LibraryFiles::readRecord(kRecord);
     QCOMPARE(record.version, QStringLiteral("1.1.0"));
     QCOMPARE(record.checksum, sha256Hex(m_library));
+    // The signature goes with the record, so it can be checked again before the install.
+    QVERIFY(!record.signature.isEmpty());
+    QCOMPARE(UpdateSignature::builtIn().problem(record.version, record.checksum, record.signature), QString());
     const QString configUrl = m_service->url("/config.json");
     const QString link = m_service->url("/files/liboplayer-1.so");
     const QStringList info = orvelloLines(log4cplus::INFO_LOG_LEVEL);
-    QCOMPARE(info.size(), 5);
+    QCOMPARE(info.size(), 6);
     QCOMPARE(info.at(0), QStringLiteral("Enter OrvelloUpdater::check()"));
     QCOMPARE(info.at(1), "Checking for update with device id <dev-42> and vendor id <vendor-7> at " + configUrl);
     QCOMPARE(info.at(2), QStringLiteral("Current version:1.0.0"));
-    QCOMPARE(info.at(3), QStringLiteral("Downloading version 1.1.0"));
-    QCOMPARE(info.at(4), QStringLiteral("Completed downloading new OVM library version."));
+    QCOMPARE(info.at(3), QStringLiteral("Version 1.1.0 is signed with the device's update key"));
+    QCOMPARE(info.at(4), QStringLiteral("Downloading version 1.1.0"));
+    QCOMPARE(info.at(5), QStringLiteral("Completed downloading new OVM library version."));
     QCOMPARE(orvelloLines(log4cplus::DEBUG_LOG_LEVEL),
              QStringList({"Config version: 1.1.0", "Config link: " + link}));
     const QStringList trace = orvelloLines(log4cplus::TRACE_LOG_LEVEL);
@@ -199,6 +215,10 @@ void tst_OrvelloUpdater::failures_data()
 
     const QString failed = QStringLiteral("Failed to download new OVM library version.");
     const QString unverified = QStringLiteral("Failed to verify downlaoded library");
+    const QString notSigned = QStringLiteral("Not downloading version 1.1.0: the signature does not verify with the "
+                                             "device's update key; checking again at the next interval");
+    const QString notVersion = QStringLiteral("Refusing the config JSON: its version \"%1\" is not 1 to 64 printable "
+                                              "ASCII characters (%2); checking again at the next interval");
     // clang-format off
     QTest::newRow("config 404") << QStringList{"config-status=404"}
         << QStringList{"Getting config JSON ended with HTTP code: 404"} << false;
@@ -210,11 +230,34 @@ void tst_OrvelloUpdater::failures_data()
         << QStringList{"An error occurred during parsing of the config JSON: *"} << false;
     QTest::newRow("library 404") << QStringList{"library-status=404"}
         << QStringList{"Downloading library failed with HTTP code: 404", failed} << false;
-    QTest::newRow("library truncated") << QStringList{"library-truncated"} << QStringList{failed} << false;
-    QTest::newRow("library over 16 MiB") << QStringList{"library-oversized"} << QStringList{failed} << false;
-    QTest::newRow("library over 16 MiB, no length") << QStringList{"library-oversized-chunked"} << QStringList{failed} << false;
+    QTest::newRow("library truncated") << QStringList{"library-truncated"}
+        << QStringList{"Downloading library failed: *", failed} << false;
+    QTest::newRow("library over 16 MiB") << QStringList{"library-oversized"}
+        << QStringList{"Downloading library failed: Body of 16842752 bytes exceeds the limit of 16777216", failed} << false;
+    QTest::newRow("library over 16 MiB, no length") << QStringList{"library-oversized-chunked"}
+        << QStringList{"Downloading library failed: Body exceeds the limit of 16777216 bytes", failed} << false;
+    // The service signed what it published: the signature holds, the file does not match.
     QTest::newRow("wrong checksum") << QStringList{"wrong-checksum"} << QStringList{unverified} << true;
-    QTest::newRow("uppercase checksum") << QStringList{"uppercase-checksum"} << QStringList{unverified} << true;
+    QTest::newRow("uppercase checksum") << QStringList{"uppercase-checksum"}
+        << QStringList{"Not downloading version 1.1.0: the checksum is not 64 lowercase hexadecimal digits, which is "
+                       "what the signature covers; checking again at the next interval"} << false;
+    QTest::newRow("no signature") << QStringList{"signature-missing"}
+        << QStringList{"Not downloading version 1.1.0: the signature is missing; checking again at the next interval"} << false;
+    QTest::newRow("signed by another key") << QStringList{"signature-other-key"} << QStringList{notSigned} << false;
+    QTest::newRow("signature of another version") << QStringList{"signature-version=1.0.9"} << QStringList{notSigned} << false;
+    QTest::newRow("no version") << QStringList{"config-missing-fields"}
+        << QStringList{notVersion.arg("", "it is empty or not text")} << false;
+    QTest::newRow("version not text") << QStringList{"config-wrong-types"}
+        << QStringList{notVersion.arg("", "it is empty or not text")} << false;
+    QTest::newRow("version of 1,000 characters") << QStringList{"config-long-version"}
+        << QStringList{notVersion.arg(QString("1.1.0.9").leftJustified(80, '9') + "...",
+                                      "it is 1000 characters long")} << false;
+    QTest::newRow("version with a forged log line") << QStringList{"config-control-version"}
+        << QStringList{notVersion.arg("1.1.0\\n12:00:00.000 INFO  [Orvello] Running SDK version: 6.6.6-forged",
+                                      "character 6 is U+000a")} << false;
+    QTest::newRow("document without end") << QStringList{"config-endless"}
+        << QStringList{"The config JSON is longer than 65536 bytes; it is cut there and not used, checking again at "
+                       "the next interval"} << false;
     // clang-format on
 }
 
@@ -240,12 +283,16 @@ void tst_OrvelloUpdater::failures()
         QVERIFY2(matches(got.at(i), errors.at(i)), qPrintable(got.at(i)));
     QVERIFY(m_log->messages(log4cplus::WARN_LOG_LEVEL).isEmpty());
     QVERIFY(m_log->messages(log4cplus::FATAL_LOG_LEVEL).isEmpty());
+    // Remote text never breaks a line, at any level.
+    for (const LogCapture::Line& line : m_log->lines())
+        QVERIFY2(!line.message.contains('\n') && !line.message.contains('\r'), qPrintable(line.message));
     QCOMPARE(finished.count(), 0);
     QVERIFY(!QFile::exists(kTmp));
     QCOMPARE(QFile::exists(kDest), downloaded);
     QVERIFY(!QFile::exists(kRecord));
-    // The check is over: nothing is left running until the next tick.
+    // The check is over: nothing is left running until the next tick, no deadline either.
     QTRY_COMPARE(updater.findChildren<QNetworkReply*>().size(), 0);
+    QTRY_COMPARE(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).size(), 1);
     QVERIFY(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).first()->isActive());
 }
 
@@ -388,8 +435,8 @@ void tst_OrvelloUpdater::oneDownloadPerOffer()
         QString error;
         const QByteArray file = situation == QLatin1String("other") ? QByteArray("library 1.0.5") : m_library;
         QVERIFY(writeBytes(kDest, file));
-        QVERIFY(LibraryFiles::writeRecord(kRecord, {situation == QLatin1String("other") ? "1.0.5" : "1.1.0", sha256Hex(file), QString()},
-                                          &error));
+        const QString version = situation == QLatin1String("other") ? "1.0.5" : "1.1.0";
+        QVERIFY(LibraryFiles::writeRecord(kRecord, {version, sha256Hex(file), testSignature(version, sha256Hex(file))}, &error));
     }
     setUp("1.0.0", "1.1.0", waiting ? QStringList() : QStringList{"library-delay=1500"});
     OrvelloUpdater updater;
@@ -411,6 +458,67 @@ void tst_OrvelloUpdater::oneDownloadPerOffer()
     QCOMPARE(QFile::exists(kRecord), waiting);
     QVERIFY(!QFile::exists(kTmp));
     QVERIFY2(m_log->messagesAtLeast(log4cplus::WARN_LOG_LEVEL).isEmpty(), qPrintable(m_log->dump()));
+}
+
+void tst_OrvelloUpdater::deadlines_data()
+{
+    QTest::addColumn<QStringList>("faults");
+    QTest::addColumn<QStringList>("errors"); // every ERROR line, in order; "*" ends a prefix
+    const QString checkEnded = QStringLiteral("The config JSON did not arrive within 1 s; the check is cancelled, the "
+                                              "next one comes at the next interval");
+    const QString downloadEnded = QStringLiteral("The library download from *");
+    const QString failed = QStringLiteral("Failed to download new OVM library version.");
+    QTest::newRow("document never comes") << QStringList{"config-delay=8000"} << QStringList{checkEnded};
+    QTest::newRow("document drips, a byte every 300 ms") << QStringList{"config-drip=300"} << QStringList{checkEnded};
+    QTest::newRow("download stalls half way") << QStringList{"library-stall=8000"} << QStringList{downloadEnded, failed};
+}
+
+// The overall deadlines, shortened: a request that keeps trickling or never answers ends with
+// one line that says so, and leaves nothing behind.
+void tst_OrvelloUpdater::deadlines()
+{
+    QFETCH(QStringList, faults);
+    QFETCH(QStringList, errors);
+    setUp("1.0.0", "1.1.0", faults, 0); // no check of its own: the one below has the short deadlines
+    OrvelloUpdater updater;
+    updater.setDeadlines(std::chrono::seconds(1), std::chrono::seconds(2));
+    updater.check();
+    QSignalSpy finished(&updater, &OrvelloUpdater::updateFinished);
+    auto matches = [](const QString& line, const QString& expected) {
+        return expected.endsWith('*') ? line.startsWith(expected.chopped(1)) : line == expected;
+    };
+    QTRY_VERIFY2_WITH_TIMEOUT(orvelloLines(log4cplus::ERROR_LOG_LEVEL).size() >= errors.size(), qPrintable(m_log->dump()), 10000);
+    const QStringList got = orvelloLines(log4cplus::ERROR_LOG_LEVEL);
+    for (int i = 0; i < errors.size(); ++i)
+        QVERIFY2(matches(got.at(i), errors.at(i)), qPrintable(got.at(i)));
+    if (got.first().startsWith("The library download"))
+        QCOMPARE(got.first(), "The library download from " + m_service->url("/files/liboplayer-1.so")
+                                  + " did not finish within 2 s; it is cancelled, trying again at the next check");
+    QCOMPARE(finished.count(), 0);
+    QVERIFY(!QFile::exists(kTmp));
+    QVERIFY(!QFile::exists(kDest));
+    QVERIFY(!updater.downloadRunning());
+}
+
+// A write that fails answers the download at once while the transfer runs on to its end; the
+// download's deadline ends with the transfer, not 15 minutes later with a line of its own.
+void tst_OrvelloUpdater::failedWriteEndsItsDeadline()
+{
+    if (::getuid() != 0 || !inPrivateMountNamespace())
+        QSKIP("fills a tmpfs mounted over /tmp/orvello: needs root in a private mount namespace (private-tmp)");
+    const QString scratch = QString::fromLatin1(OrvelloUpdater::TMP_DOWNLOAD_PATH);
+    QCOMPARE(QProcess::execute("mount", {"-t", "tmpfs", "-o", "size=64k,mode=0700", "tmpfs", scratch}), 0);
+    const auto unmount = qScopeGuard([&scratch] { QProcess::execute("umount", {"-l", scratch}); });
+    setUp("1.0.0", "1.1.0", {}, 0);
+    OrvelloUpdater updater;
+    updater.setDeadlines(std::chrono::seconds(30), std::chrono::seconds(60));
+    updater.check();
+    QTRY_VERIFY_WITH_TIMEOUT(m_log->contains(log4cplus::ERROR_LOG_LEVEL, "Failed to download new OVM library version."), 10000);
+    QCOMPARE(orvelloLines(log4cplus::ERROR_LOG_LEVEL),
+             QStringList({"Error while writing to local file", "Failed to download new OVM library version."}));
+    QTRY_COMPARE(updater.findChildren<QNetworkReply*>().size(), 0);
+    QTRY_COMPARE(updater.findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly).size(), 1);
+    QVERIFY(!QFile::exists(kTmp));
 }
 
 QTEST_GUILESS_MAIN(tst_OrvelloUpdater)

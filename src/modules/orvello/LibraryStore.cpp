@@ -35,9 +35,11 @@ void removeFile(const QString& path)
 }
 } // namespace
 
-LibraryStore::LibraryStore(const QString& scratchDirectory, const QString& persistentDirectory)
+LibraryStore::LibraryStore(const QString& scratchDirectory, const QString& persistentDirectory,
+                           const UpdateSignature& signature)
     : m_scratch(scratchDirectory)
     , m_persistent(persistentDirectory)
+    , m_signature(signature)
 {
 }
 
@@ -126,7 +128,8 @@ void LibraryStore::loaded(const QString& path, const QString& version)
         return;
     if (!m_rollingBack.isEmpty())
         LOG4CPLUS_ERROR(logger, m_rollingBack << " does not load from " << path
-                                              << "; the previous library is back in its place and version " << version
+                                              << "; the previous library is back in its place and version "
+                                              << escapedForLog(version)
                                               << " plays on");
     m_rollingBack.clear();
     m_proving = false;
@@ -153,7 +156,7 @@ bool LibraryStore::loadFailed(const QString& path)
     // Nothing the store installed is in question, or the directory is not ours to change.
     if (!(proving || exists(previous)) || !persistentProblem().isEmpty())
         return false;
-    const QString failed = proving ? QStringLiteral("Update to version ") + m_provingVersion
+    const QString failed = proving ? QStringLiteral("Update to version ") + escapedForLog(m_provingVersion)
                                    : QStringLiteral("The update installed before the restart");
     const bool hasPrevious = exists(previous);
     QString error;
@@ -204,20 +207,20 @@ QString LibraryStore::mayInstall(const VerifiedDownload& download, bool* obsolet
 {
     *obsolete = false;
     if (m_failedInstalls.contains(download.checksum))
-        return QStringLiteral("Not installing version ") + download.version
+        return QStringLiteral("Not installing version ") + escapedForLog(download.version)
             + QStringLiteral(" again: its install failed earlier; the installed library is kept until a restart or "
                              "another verified download");
     if (m_rolledBack.contains(download.checksum)
         || LibraryFiles::readRecord(installedPath() + QStringLiteral(".rejected")).checksum == download.checksum)
-        return QStringLiteral("Not installing version ") + download.version
+        return QStringLiteral("Not installing version ") + escapedForLog(download.version)
             + QStringLiteral(" again: it did not load on this device and was rolled back; the installed library is kept");
     *obsolete = true;
     if (!m_runningPath.isEmpty() && runningChecksum() == download.checksum)
         return QStringLiteral("Not installing version %1: its file is the library that runs already (from %2)")
-            .arg(download.version, m_runningPath);
+            .arg(escapedForLog(download.version), m_runningPath);
     if (!m_runningVersion.isEmpty() && !(m_runningVersion < download.version))
         return QStringLiteral("Not installing version %1: version %2 runs, and %1 does not sort after it")
-            .arg(download.version, m_runningVersion);
+            .arg(escapedForLog(download.version), escapedForLog(m_runningVersion));
     *obsolete = false;
     return QString();
 }
@@ -248,6 +251,13 @@ bool LibraryStore::pendingUpdate(VerifiedDownload* verified)
         LOG4CPLUS_ERROR(logger, "Not installing " << download
                                                   << ": it has not passed verification; it stays where it is and the "
                                                      "installed library is kept");
+        return false;
+    }
+    if (const QString problem = signatureProblem(*verified); !problem.isEmpty()) {
+        LOG4CPLUS_ERROR(logger, "Not installing version " << escapedForLog(verified->version) << " from " << download
+                                                          << ": " << problem
+                                                          << "; the download is removed and the installed library is kept");
+        discardDownload();
         return false;
     }
     bool obsolete = false;
@@ -302,7 +312,7 @@ bool LibraryStore::install()
         removeFile(newCopy);
         m_failedInstalls.insert(verified.checksum);
         LOG4CPLUS_ERROR(logger, "Failed to move updated library binary to location: " << installed);
-        LOG4CPLUS_WARN(logger, "Installing version " << verified.version << " failed (" << error
+        LOG4CPLUS_WARN(logger, "Installing version " << escapedForLog(verified.version) << " failed (" << error
                                                      << "); loading the installed library again, and this download is "
                                                         "not installed again before a restart or another verified download");
         return false;
@@ -325,14 +335,14 @@ bool LibraryStore::wantsDownload(const QString& version, const QString& checksum
     VerifiedDownload waiting;
     if (installableWaiting(&waiting)) {
         if (waiting.version == version && waiting.checksum == checksum)
-            LOG4CPLUS_DEBUG(logger, "Version " << version
+            LOG4CPLUS_DEBUG(logger, "Version " << escapedForLog(version)
                                                << " is downloaded and verified already and waits to be installed at "
                                                   "the end of the song; not downloading it again");
         else
-            LOG4CPLUS_DEBUG(logger, "Version " << waiting.version
+            LOG4CPLUS_DEBUG(logger, "Version " << escapedForLog(waiting.version)
                                                << " is downloaded and verified already and waits to be installed at "
                                                   "the end of the song; version "
-                                               << version << " is downloaded once it is in");
+                                               << escapedForLog(version) << " is downloaded once it is in");
         return false;
     }
     return true;
@@ -344,7 +354,12 @@ bool LibraryStore::installableWaiting(VerifiedDownload* waiting)
         return false;
     *waiting = LibraryFiles::readRecord(recordPath());
     bool obsolete = false;
-    return !waiting->isEmpty() && mayInstall(*waiting, &obsolete).isEmpty();
+    return !waiting->isEmpty() && signatureProblem(*waiting).isEmpty() && mayInstall(*waiting, &obsolete).isEmpty();
+}
+
+QString LibraryStore::signatureProblem(const VerifiedDownload& download) const
+{
+    return m_signature.hasKey() ? m_signature.problem(download.version, download.checksum, download.signature) : QString();
 }
 
 int LibraryStore::createDownloadFile(QString* error)

@@ -2,6 +2,7 @@
 
 #include "LibraryFiles.h"
 #include "ScratchDirectory.h"
+#include "UpdateSignature.h"
 
 #include <QSet>
 #include <QString>
@@ -22,13 +23,19 @@
 // Everything it creates is created exclusively, never through a link, files 0600 and
 // directories 0700 whatever the umask; only the bytes that were hashed are installed.
 //
+// In a module built with an update key, a download is installed only while its record carries
+// the service's signature of its version and checksum: the record is checked again at install,
+// not only when the updater wrote it.
+//
 // Lives on the worker's thread; not thread-safe. Logs on the logger "Orvello". Keeps in memory
 // (for the life of the store) which downloads failed to install and which were rolled back.
 class LibraryStore
 {
 public:
+    // signature: the key installs are checked against; the module's own by default.
     explicit LibraryStore(const QString& scratchDirectory = ScratchDirectory::path(),
-                          const QString& persistentDirectory = QStringLiteral("data-rw/orvello"));
+                          const QString& persistentDirectory = QStringLiteral("data-rw/orvello"),
+                          const UpdateSignature& signature = UpdateSignature::builtIn());
 
     QString scratchDirectory() const { return m_scratch; }
     // scratch/liboplayer-1.so: a finished download, verified and later installed.
@@ -102,6 +109,8 @@ private:
     // (it is the file that runs, or its version does not sort after the running one).
     QString mayInstall(const VerifiedDownload& download, bool* obsolete);
     QString runningChecksum();
+    // Why the record's signature does not authenticate it, in a module built with an update key.
+    QString signatureProblem(const VerifiedDownload& download) const;
     // A verified download waits and may be installed; nothing is logged.
     bool installableWaiting(VerifiedDownload* waiting);
     // Puts the previous copy back in the installed copy's place, or removes the installed copy
@@ -110,6 +119,7 @@ private:
 
     QString m_scratch;
     QString m_persistent;
+    UpdateSignature m_signature;
     // Checksums of downloads not to install again: failed to install, did not load.
     QSet<QString> m_failedInstalls;
     QSet<QString> m_rolledBack;

@@ -167,7 +167,7 @@ void OPlayerLib::pair(const CMSetDataRequest& request)
         return;
     }
     const QString code = VraxHash(request.data().toHash()).string_();
-    LOG4CPLUS_INFO(logger, "new value: " << code << ". Initiating pairing.");
+    LOG4CPLUS_INFO(logger, "new value: " << escapedForLog(code) << ". Initiating pairing.");
     if (!m_pairingApi || !m_pairingApi->start || !m_pairingApi->poll) {
         if (firstTime(NoPairingTable))
             LOG4CPLUS_WARN(logger, "The player library gave no pairing table, or one without start or poll; "
@@ -212,7 +212,7 @@ bool OPlayerLib::collectPairingOutcome(CMReply<QVariant>& reply)
         reply.setValue(QVariant());
     } else {
         LOG4CPLUS_ERROR(logger, "Error while initiating device pairing, message: "
-                                    << (result->message ? result->message : ""));
+                                    << escapedForLog(QString::fromUtf8(result->message ? result->message : "")));
         reply.setError(CMError(ORVELLO_TR("Error while initiating device pairing, error: %1",
                                           {TrArg(QString(result->message))})));
     }
@@ -330,7 +330,7 @@ bool OPlayerLib::loadFrom(const QString& path)
     else
         LOG4CPLUS_WARN(logger, "The player library has no get_version entry; its version is published empty");
     m_runningVersion = QString::fromLatin1(version, static_cast<int>(qstrnlen(version, sizeof(version))));
-    LOG4CPLUS_INFO(logger, "Running SDK version: " << m_runningVersion);
+    LOG4CPLUS_INFO(logger, "Running SDK version: " << escapedForLog(m_runningVersion));
     storeString(VraxOrvelloSdkVersion(), m_runningVersion);
 
     // A missing getter is a missing table; the bridge and pair() answer those as without a library.

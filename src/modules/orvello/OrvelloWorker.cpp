@@ -8,6 +8,7 @@
 #include "OrvelloUI.h"
 #include "OrvelloUpdater.h"
 #include "ScratchDirectory.h"
+#include "UpdateSignature.h"
 
 #include "model/cmnode.h"
 #include "play/vraxplaylogicdata.h"
@@ -55,6 +56,9 @@ OrvelloWorker::OrvelloWorker(const QVariantHash& config)
 {
     ORVELLO_ENTER(logger);
     m_sdkVersionNode->setTitle(ORVELLO_TR("Orvello SDK version number"));
+    if (!UpdateSignature::builtIn().hasKey())
+        LOG4CPLUS_WARN(logger, "Player library updates are not authenticated: this module was built without an "
+                               "update key, so it installs any library whose checksum matches the service's document");
     const QString scratch = chooseScratchDirectory();
     if (scratch.isEmpty()) {
         LOG4CPLUS_ERROR(logger, "Can not init OrvelloWorker without " << kScratchDirectory << " dir");

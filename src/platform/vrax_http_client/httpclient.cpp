@@ -4,6 +4,8 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSslError>
+#include <QStringList>
 #include <QTimer>
 
 namespace {
@@ -14,6 +16,42 @@ constexpr qint64 kReplyBufferBytes = 64 * 1024;
 bool isTransportError(QNetworkReply::NetworkError error)
 {
     return error != QNetworkReply::NoError && error < QNetworkReply::ProxyConnectionRefusedError;
+}
+
+// What a certificate problem means to the person reading the log.
+QString tlsProblemName(QSslError::SslError error)
+{
+    switch (error) {
+    case QSslError::UnableToGetIssuerCertificate:
+    case QSslError::UnableToGetLocalIssuerCertificate:
+    case QSslError::UnableToVerifyFirstCertificate:
+    case QSslError::SelfSignedCertificate:
+    case QSslError::SelfSignedCertificateInChain:
+    case QSslError::CertificateUntrusted:
+        return QStringLiteral("unknown authority");
+    case QSslError::HostNameMismatch:
+        return QStringLiteral("wrong host name");
+    case QSslError::CertificateExpired:
+        return QStringLiteral("expired");
+    case QSslError::CertificateNotYetValid:
+        return QStringLiteral("not yet valid");
+    case QSslError::CertificateRevoked:
+    case QSslError::CertificateBlacklisted:
+        return QStringLiteral("revoked");
+    default:
+        return QStringLiteral("certificate refused");
+    }
+}
+
+// "TLS error: " and each problem, named and then in the TLS library's words.
+QString tlsErrorText(const QList<QSslError>& errors, const QString& fallback)
+{
+    QStringList problems;
+    for (const QSslError& error : errors)
+        problems << QStringLiteral("%1 (%2)").arg(tlsProblemName(error.error()), error.errorString());
+    if (problems.isEmpty())
+        problems << fallback;
+    return QStringLiteral("TLS error: ") + problems.join(QStringLiteral("; "));
 }
 } // namespace
 
@@ -30,6 +68,8 @@ struct HttpClient::Request
     QNetworkReply* reply = nullptr;
     QTimer* timer = nullptr;
     QByteArray body;
+    // The certificate problems of the TLS handshake, reported when it fails.
+    QList<QSslError> sslErrors;
     qint64 received = 0;
     // Content-Length of the response being read; -1 when none was announced (chunked, or a
     // body Qt decompresses, for which it drops the header).
@@ -140,6 +180,11 @@ void HttpClient::startReply(const std::shared_ptr<Request>& request, const VraxU
         if (it != m_requests.end())
             it->second->headersSeen = false;
     });
+    connect(reply, &QNetworkReply::sslErrors, this, [this, id](const QList<QSslError>& errors) {
+        const auto it = m_requests.find(id);
+        if (it != m_requests.end())
+            it->second->sslErrors += errors;
+    });
     connect(reply, &QNetworkReply::readyRead, this, [this, id] { onReadyRead(id); });
     connect(reply, &QNetworkReply::finished, this, [this, id] { onFinished(id); });
 
@@ -247,7 +292,13 @@ void HttpClient::onFinished(RequestId id)
     if (isTransportError(error) || (error != QNetworkReply::NoError && !hasResponse)) {
         const HttpClientResult::State state = error == QNetworkReply::TimeoutError ? HttpClientResult::Timeout
                                                                                    : HttpClientResult::NetworkError;
-        finish(id, state, reply->errorString());
+        QString why = reply->errorString();
+        if (error == QNetworkReply::SslHandshakeFailedError || !request.sslErrors.isEmpty())
+            why = tlsErrorText(request.sslErrors, why);
+        else if (error == QNetworkReply::InsecureRedirectError)
+            why = QStringLiteral("Refused the redirect to %1: an https request is never followed to plain http")
+                      .arg(reply->url().toString());
+        finish(id, state, why);
         return;
     }
     // Qt reports a body cut short as complete when it sees the close before it reads.

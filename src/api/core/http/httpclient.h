@@ -90,7 +90,11 @@ public:
     State state() const { return m_state; }
     int httpCode() const { return m_httpCode; }
     const QByteArray& output() const { return m_output; }
-    // Why a transfer failed, for log lines; empty otherwise.
+    // Why a transfer failed, for log lines; empty otherwise. A failed TLS handshake reads
+    // "TLS error: " and then each problem with the certificate, named ("unknown authority",
+    // "wrong host name", "expired", "not yet valid", "revoked" or "certificate refused") and
+    // in the TLS library's words in parentheses, joined by "; ". A redirect from https to
+    // plain http is refused and said so, with its target.
     const QString& errorString() const { return m_errorString; }
 
     bool isFailure() const { return m_state >= NetworkError && m_state <= Aborted; }
