@@ -1,0 +1,75 @@
+#!/bin/sh
+# check_install.sh BUILD SOURCE STAGE READELF EXPECTED...
+# Installs BUILD under STAGE/usr as `cmake --install` does for a user, then checks it:
+#   - every EXPECTED file (relative to the prefix) is there;
+#   - no ELF file names the build or source tree in its RPATH/RUNPATH, dynamic strings or
+#     read-only data; every RUNPATH entry is $ORIGIN-relative and stays inside the installed
+#     tree; the module has none at all (on a device the platform's process provides its
+#     libraries);
+#   - the installed orvello-demo, run from STAGE with nothing of the build tree on its paths,
+#     pairs, plays and takes the update.
+set -eu
+build=$1 source=$2 stage=$3 readelf=$4
+shift 4
+failures=0
+fail() { echo "install_tree: $*" >&2; failures=$((failures + 1)); }
+
+rm -rf "$stage"
+cmake --install "$build" --prefix "$stage/usr" >"$stage.log" 2>&1 || {
+  cat "$stage.log" >&2; echo "install_tree: cmake --install failed" >&2; exit 1; }
+prefix=$(cd "$stage/usr" && pwd -P)
+
+for file in "$@"; do
+  [ -f "$prefix/$file" ] || fail "missing after install: $file"
+done
+
+elves=0
+for file in $(find "$prefix" -type f | sort); do
+  "$readelf" -h "$file" >/dev/null 2>&1 || continue
+  elves=$((elves + 1))
+  name=${file#"$prefix"/}
+  paths=$("$readelf" -d --wide "$file" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p')
+  case "$name" in
+    */vrax/modules/*) [ -z "$paths" ] || fail "$name carries a library search path: $paths" ;;
+  esac
+  old_ifs=$IFS
+  IFS=:
+  for entry in $paths; do
+    case "$entry" in
+      '$ORIGIN'|'$ORIGIN'/*)
+        dir=$(dirname "$file")${entry#'$ORIGIN'}
+        if [ ! -d "$dir" ]; then
+          fail "$name: RUNPATH entry $entry names no directory of the installed tree"
+        else
+          case "$(cd "$dir" && pwd -P)/" in
+            "$prefix"/*) ;;
+            *) fail "$name: RUNPATH entry $entry leaves the installed tree" ;;
+          esac
+        fi
+        ;;
+      *) fail "$name: search path entry $entry is not relative to \$ORIGIN" ;;
+    esac
+  done
+  IFS=$old_ifs
+  for tree in "$build" "$source"; do
+    for section in .rodata .dynstr; do
+      if "$readelf" -p "$section" "$file" 2>/dev/null | grep -qF "$tree"; then
+        fail "$name: its $section names $tree"
+      fi
+    done
+  done
+done
+[ "$elves" -ge 12 ] || fail "only $elves ELF files installed"
+[ "$failures" -eq 0 ] || exit 1
+
+# The installed demo, as a user runs it; its narration goes to the test's output.
+work="$stage/demo-work"
+out="$stage/demo.out"
+status=0
+env -u LD_LIBRARY_PATH "$prefix/bin/orvello-demo" --work-dir "$work" --track-seconds 3 --after-swap 2 >"$out" 2>&1 || status=$?
+cat "$out"
+[ "$status" -eq 0 ] || fail "the installed orvello-demo ended with status $status"
+grep -q "paired with the service" "$out" || fail "the installed demo's device did not pair"
+grep -q "^\[.*\] playing: " "$out" || fail "the installed demo's device did not play"
+grep -q "now running player library 1.1.0" "$out" || fail "the installed demo's device did not take the update"
+[ "$failures" -eq 0 ]
