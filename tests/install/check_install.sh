@@ -7,7 +7,8 @@
 #     tree; the module has none at all (on a device the platform's process provides its
 #     libraries);
 #   - with DEMO "run", the installed orvello-demo, run from STAGE with nothing of the build tree
-#     on its paths, pairs, plays and takes the update.
+#     on its paths, refuses a work directory holding files it did not make, then pairs, plays
+#     and takes the update.
 set -eu
 build=$1 source=$2 stage=$3 readelf=$4 demo=$5
 shift 5
@@ -65,6 +66,15 @@ if [ "$demo" != run ]; then
   echo "install_tree: the installed demo is not run here ($demo)"
   exit 0
 fi
+
+# A work directory holding someone's files is refused, and they stay.
+mkdir -p "$stage/not-the-demos"
+echo keep >"$stage/not-the-demos/notes.txt"
+if "$prefix/bin/orvello-demo" --work-dir "$stage/not-the-demos" >"$stage/refused.out" 2>&1; then
+  fail "the installed demo took a directory holding someone's files as its work directory"
+fi
+grep -q "holds files the demo did not make" "$stage/refused.out" || fail "the refusal does not say why: $(cat "$stage/refused.out")"
+[ -f "$stage/not-the-demos/notes.txt" ] || fail "the demo removed a file of a directory it refused"
 
 # The installed demo, as a user runs it; its narration goes to the test's output.
 work="$stage/demo-work"
