@@ -1,5 +1,5 @@
 #!/bin/sh
-# check_install.sh BUILD SOURCE STAGE READELF DEMO EXPECTED...
+# check_install.sh CMAKE BUILD SOURCE STAGE READELF DEMO EXPECTED...
 # Installs BUILD under STAGE/usr as `cmake --install` does for a user, then checks it:
 #   - every EXPECTED file (relative to the prefix) is there;
 #   - no ELF file names the build or source tree in its RPATH/RUNPATH, dynamic strings or
@@ -10,13 +10,13 @@
 #     on its paths, refuses a work directory holding files it did not make, then pairs, plays
 #     and takes the update.
 set -eu
-build=$1 source=$2 stage=$3 readelf=$4 demo=$5
-shift 5
+cmake=$1 build=$2 source=$3 stage=$4 readelf=$5 demo=$6
+shift 6
 failures=0
 fail() { echo "install_tree: $*" >&2; failures=$((failures + 1)); }
 
 rm -rf "$stage"
-cmake --install "$build" --prefix "$stage/usr" >"$stage.log" 2>&1 || {
+"$cmake" --install "$build" --prefix "$stage/usr" >"$stage.log" 2>&1 || {
   cat "$stage.log" >&2; echo "install_tree: cmake --install failed" >&2; exit 1; }
 prefix=$(cd "$stage/usr" && pwd -P)
 
