@@ -14,6 +14,7 @@
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QSet>
+#include <QStandardPaths>
 #include <QThread>
 #include <QTime>
 
@@ -56,6 +57,38 @@ int fail(const QString& message)
     return 1;
 }
 
+// The programs and libraries the demo runs: full paths in the build tree, paths relative to the
+// demo itself in the installed one.
+struct Companions
+{
+    QString host;
+    QString module;
+    QString service;
+    QString library100;
+    QString library110;
+};
+
+QString besideDemo(const char* path)
+{
+    return QDir::cleanPath(QDir(QCoreApplication::applicationDirPath()).absoluteFilePath(QString::fromUtf8(path)));
+}
+
+// Empty when every companion is there, else what is missing and where it was looked for.
+QString missingCompanions(const Companions& companions)
+{
+    QStringList missing;
+    const QList<QPair<QString, QString>> files{
+        {QStringLiteral("vrax-host"), companions.host},
+        {QStringLiteral("the module (liborvello.so, package orvello-module)"), companions.module},
+        {QStringLiteral("orvello-service"), companions.service},
+        {QStringLiteral("player library 1.0.0"), companions.library100},
+        {QStringLiteral("player library 1.1.0"), companions.library110}};
+    for (const auto& [what, path] : files)
+        if (!QFileInfo(path).isFile())
+            missing << QStringLiteral("%1 is not at %2").arg(what, path);
+    return missing.join(QStringLiteral("; "));
+}
+
 struct Playing
 {
     QString title;
@@ -74,8 +107,12 @@ int main(int argc, char** argv)
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Runs the Orvello Streams module end to end on the device emulator."));
     parser.addHelpOption();
-    const QCommandLineOption workDir(QStringLiteral("work-dir"), QStringLiteral("Where the demo keeps its files."),
-                                     QStringLiteral("DIR"), QStringLiteral(ORVELLO_DEMO_WORK_DIR));
+    const QString defaultWorkDir = QStringLiteral(ORVELLO_DEMO_WORK_DIR).isEmpty()
+                                       ? QStandardPaths::writableLocation(QStandardPaths::CacheLocation)
+                                       : QStringLiteral(ORVELLO_DEMO_WORK_DIR);
+    const QCommandLineOption workDir(QStringLiteral("work-dir"),
+                                     QStringLiteral("Where the demo keeps its files (emptied first)."),
+                                     QStringLiteral("DIR"), defaultWorkDir);
     const QCommandLineOption trackSeconds(QStringLiteral("track-seconds"), QStringLiteral("Length of each track."),
                                           QStringLiteral("SECONDS"), QStringLiteral("12"));
     const QCommandLineOption afterSwap(QStringLiteral("after-swap"),
@@ -95,9 +132,23 @@ int main(int argc, char** argv)
     if (!ok || keepPlaying < 0)
         return fail(QStringLiteral("--after-swap takes a whole number of seconds"));
 
+    const Companions companions{besideDemo(VRAX_HOST_PATH), besideDemo(ORVELLO_MODULE_PATH), besideDemo(ORVELLO_SERVICE_PATH),
+                                besideDemo(OPLAYER_REF_1_0_0), besideDemo(OPLAYER_REF_1_1_0)};
+    if (const QString missing = missingCompanions(companions); !missing.isEmpty())
+        return fail(missing);
+
+    if (parser.value(workDir).isEmpty())
+        return fail(QStringLiteral("no directory for the demo's files: give --work-dir DIR"));
     const QString work = QFileInfo(parser.value(workDir)).absoluteFilePath();
+    // Emptied only when an earlier demo made it (or it is the build tree's own): a directory
+    // given by mistake, a home directory say, is never wiped.
+    const QString marker = work + QStringLiteral("/.orvello-demo");
+    const QString buildTreeWork = QStringLiteral(ORVELLO_DEMO_WORK_DIR);
+    const bool ours = QFile::exists(marker) || (!buildTreeWork.isEmpty() && work == QFileInfo(buildTreeWork).absoluteFilePath());
+    if (!ours && !QDir(work).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
+        return fail(QStringLiteral("%1 holds files the demo did not make; give a new or empty --work-dir").arg(work));
     QDir(work).removeRecursively();
-    if (!QDir().mkpath(work))
+    if (!QDir().mkpath(work) || !QFile(marker).open(QIODevice::WriteOnly))
         return fail(QStringLiteral("cannot create %1").arg(work));
     // A download left by an earlier run would be installed as a pending update at start.
     for (const char* leftover : {"/tmp/orvello/liboplayer-1.so", "/tmp/orvello/liboplayer-1.so.tmp"})
@@ -107,16 +158,15 @@ int main(int argc, char** argv)
     s_clock.start();
     s_startTime = QTime::currentTime();
     std::printf("Orvello Streams module demo (work directory %s)\n\n", qPrintable(work));
-    DeviceRig rig({QStringLiteral(VRAX_HOST_PATH), QStringLiteral(ORVELLO_MODULE_PATH), QStringLiteral(ORVELLO_SERVICE_PATH)},
-                  work);
+    DeviceRig rig({companions.host, companions.module, companions.service}, work);
     QString error;
-    if (!rig.startService(QStringLiteral("1.1.0"), QStringLiteral(OPLAYER_REF_1_1_0), &error))
+    if (!rig.startService(QStringLiteral("1.1.0"), companions.library110, &error))
         return fail(error);
     say(QStringLiteral("service"), QStringLiteral("offering player library 1.1.0 at %1, signed with the test key in devkit/keys")
                                        .arg(rig.versionUrl()));
 
     QDir().mkpath(QFileInfo(rig.devTreeLibraryPath()).absolutePath());
-    if (!QFile::copy(QStringLiteral(OPLAYER_REF_1_0_0), rig.devTreeLibraryPath()))
+    if (!QFile::copy(companions.library100, rig.devTreeLibraryPath()))
         return fail(QStringLiteral("cannot install library 1.0.0 at %1").arg(rig.devTreeLibraryPath()));
     const QString wav = work + QStringLiteral("/demo.wav");
     const QVariantHash settings{
