@@ -117,6 +117,8 @@ public:
 
     // Disk
     bool mountReadOnly(const QString& path);
+    // Takes away what was mounted last at path (mountReadOnly, mountTmpfs).
+    bool unmount(const QString& path);
     bool mountTmpfs(const QString& path, const QString& size);
     bool resizeTmp(const QString& size);
     // Writes filler into dir until the file system is full; the filler's path.
