@@ -19,10 +19,12 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QPointF>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QStandardPaths>
 #include <QTextStream>
 #include <QThread>
 
@@ -77,6 +79,43 @@ double median(const QVector<double>& values)
     const int n = sorted.size();
     return n % 2 ? sorted.at(n / 2) : (sorted.at(n / 2 - 1) + sorted.at(n / 2)) / 2;
 }
+
+// Least-squares slope of the points whose x lies in [from, to]; NaN with fewer than two.
+double slope(const QVector<QPointF>& points, double from, double to)
+{
+    double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
+    for (const QPointF& p : points) {
+        if (p.x() < from || p.x() > to)
+            continue;
+        n += 1;
+        sx += p.x();
+        sy += p.y();
+        sxx += p.x() * p.x();
+        sxy += p.x() * p.y();
+    }
+    const double d = n * sxx - sx * sx;
+    return n < 2 || d == 0 ? std::nan("") : (n * sxy - sx * sy) / d;
+}
+
+// The median of the y of the points whose x lies in [from, to].
+double medianY(const QVector<QPointF>& points, double from, double to)
+{
+    QVector<double> ys;
+    for (const QPointF& p : points)
+        if (p.x() >= from && p.x() <= to)
+            ys << p.y();
+    return median(ys);
+}
+
+// Memory over many swaps and hours: what settles first is kept apart from what is measured. The
+// host's own log tail (the last 200 lines, for its web page) fills in the first 25 swaps or so.
+constexpr int kWarmupSwaps = 30;
+constexpr int kMeasuredSwaps = 100;
+// Under heaptrack the heap at rest is compared between two blocks of swaps after the warm-up.
+constexpr int kHeaptrackBlock = 10;
+constexpr int kHeaptrackSwaps = kWarmupSwaps + 2 * kHeaptrackBlock;
+constexpr double kWarmupHours = 1;
+constexpr double kMeasuredHours = 5;
 
 // A figure measured once per run: its median and range.
 struct Series
@@ -236,6 +275,22 @@ struct RealtimeRun
     QVector<QPointF> rss;          // (s of playing, MiB)
 };
 
+// RSS (and, under heaptrack, the heap in use) of one host through many update swaps.
+struct SwapMemoryRun
+{
+    QVector<QPointF> rssKiB;   // (swaps done, KiB) once each swap's library had loaded; swap 0 is the start
+    QVector<QPointF> heapKiB;  // under heaptrack: (swaps done, KiB) the least heap in use until the next swap
+    double secondsPerSwap = 0;
+    double heapLeakedKiB = std::nan(""); // under heaptrack: not freed by the clean exit
+};
+
+// RSS of one host playing for hours of audio at fast pace, without updates.
+struct AudioMemoryRun
+{
+    QVector<QPointF> rssKiB;   // (hours of audio, KiB)
+    double wallSeconds = 0;
+};
+
 class Bench
 {
 public:
@@ -256,6 +311,9 @@ public:
     SwapRun swapRun(int i, bool realtime, bool bad = false);
     PairRun pairRun(int i);
     RealtimeRun realtimeRun(int i, bool memory);
+    // swaps update swaps, the service offering the other reference build each time.
+    SwapMemoryRun swapMemoryRun(int swaps, bool heaptrack);
+    AudioMemoryRun audioMemoryRun(double hours);
     QJsonObject tool(const QString& program, const QStringList& arguments, int timeoutMs);
     double transferAloneTimesRealtime();
 
@@ -628,6 +686,166 @@ RealtimeRun Bench::realtimeRun(int i, bool memory)
     return run;
 }
 
+// Where heaptrack keeps its preloaded library and its interpreter (Debian's heaptrack package).
+const QString kHeaptrackPreload = QStringLiteral("/usr/lib/heaptrack/libheaptrack_preload.so");
+const QString kHeaptrackInterpret = QStringLiteral("/usr/lib/heaptrack/libexec/heaptrack_interpret");
+
+bool heaptrackAvailable()
+{
+    return QFileInfo::exists(kHeaptrackPreload) && QFileInfo::exists(kHeaptrackInterpret)
+           && !QStandardPaths::findExecutable(QStringLiteral("heaptrack_print")).isEmpty();
+}
+
+// The heap in use over time from heaptrack's data, as heaptrack_print's massif output gives it:
+// (seconds since the process started, bytes); leakedKiB gets what the exit did not free. The
+// interpreted data stays in work (heaptrack.data) for heaptrack_print.
+QVector<QPointF> heaptrackSeries(const QString& raw, const QString& work, double* leakedKiB)
+{
+    const QString interpreted = work + QStringLiteral("/heaptrack.data");
+    const QString massif = work + QStringLiteral("/heaptrack.massif");
+    QProcess interpret;
+    interpret.setStandardInputFile(raw);
+    interpret.setStandardOutputFile(interpreted);
+    interpret.start(kHeaptrackInterpret, QStringList());
+    if (!interpret.waitForFinished(300000) || interpret.exitCode() != 0)
+        fail(QStringLiteral("heaptrack_interpret failed on %1").arg(raw));
+    QProcess print;
+    print.start(QStringLiteral("heaptrack_print"),
+                {QStringLiteral("-f"), interpreted, QStringLiteral("--print-peaks"), QStringLiteral("0"),
+                 QStringLiteral("--print-allocators"), QStringLiteral("0"), QStringLiteral("--print-temporary"),
+                 QStringLiteral("0"), QStringLiteral("--print-leaks"), QStringLiteral("0"), QStringLiteral("--print-massif"),
+                 massif});
+    if (!print.waitForFinished(300000) || print.exitCode() != 0)
+        fail(QStringLiteral("heaptrack_print failed on %1").arg(interpreted));
+    const QRegularExpression leaked(QStringLiteral("total memory leaked: ([\\d.]+)([KMG]?)"));
+    const QRegularExpressionMatch m = leaked.match(QString::fromLocal8Bit(print.readAllStandardOutput()));
+    if (m.hasMatch()) {
+        const QString unit = m.captured(2);
+        const double scale = unit == QLatin1String("M") ? 1024 : unit == QLatin1String("G") ? 1024 * 1024 : unit.isEmpty() ? 1.0 / 1024 : 1;
+        *leakedKiB = m.captured(1).toDouble() * scale;
+    }
+    QFile file(massif);
+    if (!file.open(QIODevice::ReadOnly))
+        fail(QStringLiteral("heaptrack_print wrote no %1").arg(massif));
+    QVector<QPointF> series;
+    double time = -1;
+    for (const QByteArray& line : file.readAll().split('\n')) {
+        if (line.startsWith("time="))
+            time = line.mid(5).toDouble();
+        else if (line.startsWith("mem_heap_B=") && time >= 0)
+            series << QPointF(time, line.mid(11).toDouble());
+    }
+    QFile::remove(raw);
+    return series;
+}
+
+// Update swaps back to back. The running library reports its own version, 1.0.0 or 1.1.0, and the
+// updater takes whatever sorts after it as text, so each offer is the running version with a
+// number behind it ("1.0.0.00001") and the other build's file; once the exit is requested the
+// service offers 1.0.0 again, which sorts after neither, so every offer makes one swap.
+SwapMemoryRun Bench::swapMemoryRun(int swaps, bool heaptrack)
+{
+    auto rig = newRig(heaptrack ? QStringLiteral("swaps-heaptrack") : QStringLiteral("swaps"));
+    QString error;
+    if (!rig->startService(QStringLiteral("1.0.0"), QStringLiteral(OPLAYER_REF_1_0_0), &error))
+        fail(error);
+    const QMap<QString, QString> builds{{QStringLiteral("1.0.0"), QStringLiteral(OPLAYER_REF_1_0_0)},
+                                        {QStringLiteral("1.1.0"), QStringLiteral(OPLAYER_REF_1_1_0)}};
+    for (auto it = builds.begin(); it != builds.end(); ++it)
+        if (!QFile::copy(it.value(), rig->serviceDir() + QStringLiteral("/%1.so").arg(it.key())))
+            fail(QStringLiteral("cannot copy %1 for the service").arg(it.value()));
+    // Tracks of 2 s end a few milliseconds after the exit request at fast pace.
+    QStringList env{QStringLiteral("OPLAYER_REF_TRACK_SECONDS=2")};
+    const QString raw = rig->workDir() + QStringLiteral("/heaptrack.raw");
+    if (heaptrack)
+        env << QStringLiteral("LD_PRELOAD=") + kHeaptrackPreload << QStringLiteral("DUMP_HEAPTRACK_OUTPUT=") + raw;
+    const qint64 started = nowNs();
+    startHost(*rig, settings(*rig, true, 1), QStringLiteral("fast"), env, false);
+    const qint64 pid = rig->hostPid();
+
+    const QString loadedText = QStringLiteral("Running SDK version: ");
+    const QString exitText = QStringLiteral("Requesting exit at end of song");
+    auto loads = [&](QString* last) {
+        int count = 0;
+        for (const QString& line : rig->hostLog()) {
+            const int at = line.indexOf(loadedText);
+            if (at >= 0) {
+                ++count;
+                *last = line.mid(at + loadedText.size()).trimmed();
+            }
+        }
+        return count;
+    };
+    auto exits = [&] { return rig->hostLog().filter(exitText).size(); };
+    QString running;
+    if (!waitUntil([&] { return loads(&running) == 1; }, 15000))
+        fail(QStringLiteral("the library did not load:\n") + rig->hostLog().join(QLatin1Char('\n')));
+
+    SwapMemoryRun run;
+    QVector<double> loadedS;
+    const qint64 firstLoad = nowNs();
+    for (int swap = 0;; ++swap) {
+        run.rssKiB << QPointF(swap, statusKiB(pid, "VmRSS:"));
+        loadedS << double(nowNs() - started) / 1e9;
+        if (swap == swaps)
+            break;
+        const QString target = running == QLatin1String("1.0.0") ? QStringLiteral("1.1.0") : QStringLiteral("1.0.0");
+        const int exitsBefore = exits();
+        if (!rig->setServiceState({{QStringLiteral("version"), QStringLiteral("%1.%2").arg(running).arg(swap + 1, 5, 10, QLatin1Char('0'))},
+                                   {QStringLiteral("library"), target + QStringLiteral(".so")}},
+                                  &error))
+            fail(error);
+        if (!waitUntil([&] { return exits() > exitsBefore; }, 30000))
+            fail(QStringLiteral("swap %1: no exit was requested").arg(swap + 1));
+        if (!rig->setServiceState({{QStringLiteral("version"), QStringLiteral("1.0.0")}}, &error))
+            fail(error);
+        if (!waitUntil([&] { return loads(&running) == swap + 2; }, 30000))
+            fail(QStringLiteral("swap %1: no library loaded after the exit").arg(swap + 1));
+        if (running != target)
+            fail(QStringLiteral("swap %1 loaded %2, not %3").arg(swap + 1).arg(running, target));
+    }
+    run.secondsPerSwap = double(nowNs() - firstLoad) / 1e9 / swaps;
+    if (rig->stopHost() != 0)
+        fail(QStringLiteral("vrax-host did not stop cleanly"));
+    if (heaptrack) {
+        // The heap at rest: the least in use from a little after a swap to the next one.
+        const QVector<QPointF> heap = heaptrackSeries(raw, rig->workDir(), &run.heapLeakedKiB);
+        for (int swap = 0; swap + 1 < loadedS.size(); ++swap) {
+            double least = std::nan("");
+            for (const QPointF& p : heap)
+                if (p.x() >= loadedS.at(swap) + 0.1 && p.x() < loadedS.at(swap + 1) && !(p.y() >= least))
+                    least = p.y();
+            if (!std::isnan(least))
+                run.heapKiB << QPointF(swap, least / 1024);
+        }
+    }
+    return run;
+}
+
+// Hours of audio at fast pace, RSS sampled against the audio played.
+AudioMemoryRun Bench::audioMemoryRun(double hours)
+{
+    auto rig = newRig(QStringLiteral("hours"));
+    startHost(*rig, settings(*rig, true, 0), QStringLiteral("fast"), {}, false);
+    const qint64 pid = rig->hostPid();
+    if (!waitUntil([&] { return pipelineValue(*rig, "bytes") > 0; }, 15000))
+        fail(QStringLiteral("no audio reached the pipeline"));
+    AudioMemoryRun run;
+    const qint64 start = nowNs();
+    const QDeadlineTimer deadline(30 * 60 * 1000);
+    for (double played = 0; played < hours;) {
+        if (deadline.hasExpired())
+            fail(QStringLiteral("%1 h of audio took more than 30 minutes").arg(hours));
+        wait(250);
+        played = pipelineValue(*rig, "seconds") / 3600;
+        run.rssKiB << QPointF(played, statusKiB(pid, "VmRSS:"));
+    }
+    run.wallSeconds = double(nowNs() - start) / 1e9;
+    if (rig->stopHost() != 0)
+        fail(QStringLiteral("vrax-host did not stop cleanly"));
+    return run;
+}
+
 QJsonObject Bench::tool(const QString& program, const QStringList& arguments, int timeoutMs)
 {
     QProcess process;
@@ -736,6 +954,8 @@ int main(int argc, char** argv)
     Series latencyMedian, latencyP99, rtLatencyMedian, rtLatencyP99;
     std::map<QString, Series> threads, rtThreads, idleThreads;
     RealtimeRun memoryRun;
+    SwapMemoryRun swapMemory, heapMemory;
+    AudioMemoryRun audioMemory;
     double underrunsPaused = 0, underrunsPlaying = 0;
     Series retryShare, callbackUs;
     QVector<QPointF> swapWindow;
@@ -829,6 +1049,27 @@ int main(int argc, char** argv)
                           .arg(num(rt.idleCpuPerSecond)).arg(num(rawCpu.values.last())).arg(rt.underrunsPaused)
                           .arg(rt.underrunsPlaying));
         }
+        swapMemory = bench.swapMemoryRun(kWarmupSwaps + kMeasuredSwaps, false);
+        bench.say(QStringLiteral("memory over %1 swaps: %2 KiB RSS per swap after the first %3 (%4 s per swap)")
+                      .arg(kWarmupSwaps + kMeasuredSwaps)
+                      .arg(num(slope(swapMemory.rssKiB, kWarmupSwaps, kWarmupSwaps + kMeasuredSwaps)))
+                      .arg(kWarmupSwaps).arg(num(swapMemory.secondsPerSwap)));
+        if (heaptrackAvailable()) {
+            heapMemory = bench.swapMemoryRun(kHeaptrackSwaps, true);
+            bench.say(QStringLiteral("heap under heaptrack over %1 swaps: %2 KiB at rest after swap %3, %4 after swap %5")
+                          .arg(kHeaptrackSwaps)
+                          .arg(num(medianY(heapMemory.heapKiB, kWarmupSwaps, kWarmupSwaps + kHeaptrackBlock - 1)))
+                          .arg(kWarmupSwaps)
+                          .arg(num(medianY(heapMemory.heapKiB, kWarmupSwaps + kHeaptrackBlock, kHeaptrackSwaps)))
+                          .arg(kWarmupSwaps + kHeaptrackBlock));
+        } else {
+            bench.say(QStringLiteral("heaptrack is not installed: no heap figures (./dev bench installs it)"));
+        }
+        audioMemory = bench.audioMemoryRun(kWarmupHours + kMeasuredHours);
+        bench.say(QStringLiteral("memory over %1 h of audio: %2 KiB RSS per hour after the first (%3 s)")
+                      .arg(kWarmupHours + kMeasuredHours)
+                      .arg(num(slope(audioMemory.rssKiB, kWarmupHours, kWarmupHours + kMeasuredHours)))
+                      .arg(num(audioMemory.wallSeconds)));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench_device: %s\n", e.what());
         return 1;
@@ -855,6 +1096,36 @@ int main(int argc, char** argv)
     const double memoryPeakMiB = memoryRun.peakKiB / 1024.0, idlePeakMiB = memoryRun.idlePeakKiB / 1024.0;
     const double growthKiB = double(memoryRun.rss60KiB - memoryRun.rss10KiB);
     const double idleGrowthPer50s = memoryRun.idleWindowS > 0 ? memoryRun.idleGrowthKiB * 50.0 / memoryRun.idleWindowS : 0;
+    constexpr int kLastSwap = kWarmupSwaps + kMeasuredSwaps;
+    auto rssAt = [&](int swap) {
+        for (const QPointF& p : swapMemory.rssKiB)
+            if (int(p.x()) == swap)
+                return p.y();
+        return std::nan("");
+    };
+    const double rssPerSwap = slope(swapMemory.rssKiB, kWarmupSwaps, kLastSwap);
+    const double rssWarmupPerSwap = slope(swapMemory.rssKiB, 0, kWarmupSwaps);
+    // The heap at rest after a swap, median of a block of swaps: one block against the next.
+    auto heapBlock = [&](int first) { return medianY(heapMemory.heapKiB, first, first + kHeaptrackBlock - 1); };
+    const double heapPerSwap = (heapBlock(kWarmupSwaps + kHeaptrackBlock) - heapBlock(kWarmupSwaps)) / kHeaptrackBlock;
+    const double heapWarmupPerSwap = (heapBlock(kWarmupSwaps - kHeaptrackBlock) - heapBlock(0)) / (kWarmupSwaps - kHeaptrackBlock);
+    // Whether growth slows: the first and the second half of what is measured.
+    const int kMidSwap = kWarmupSwaps + kMeasuredSwaps / 2;
+    const double rssFirstHalfPerSwap = slope(swapMemory.rssKiB, kWarmupSwaps, kMidSwap);
+    const double rssSecondHalfPerSwap = slope(swapMemory.rssKiB, kMidSwap, kLastSwap);
+    int rssSteps = 0;
+    for (int i = 1; i < swapMemory.rssKiB.size(); ++i)
+        rssSteps += swapMemory.rssKiB.at(i).x() > kWarmupSwaps && swapMemory.rssKiB.at(i).y() != swapMemory.rssKiB.at(i - 1).y();
+    const double rssPerHour = slope(audioMemory.rssKiB, kWarmupHours, kWarmupHours + kMeasuredHours);
+    const double kMidHour = kWarmupHours + kMeasuredHours / 2;
+    const double rssFirstHalfPerHour = slope(audioMemory.rssKiB, kWarmupHours, kMidHour);
+    const double rssSecondHalfPerHour = slope(audioMemory.rssKiB, kMidHour, kWarmupHours + kMeasuredHours);
+    // Per-swap figures in KiB to two places: a heap that does not move reads 0.00, not -0.0005.
+    auto kib = [](double value) { return std::isnan(value) ? value : std::round(value * 100) / 100; };
+    double rssFirstHour = std::nan("");
+    for (const QPointF& p : audioMemory.rssKiB)
+        if (p.x() <= kWarmupHours)
+            rssFirstHour = p.y() - audioMemory.rssKiB.first().y();
     md << "| # | figure | module | baseline | ratio |\n|---|---|---|---|---|\n"
        << "| 1 | streaming throughput, fast pace (× real time, 44.1 kHz 16-bit stereo) | " << withRange(fastX)
        << " | raw socket pair, 128 KiB writes: " << withRange(rawX) << " | " << ratio(fastX.med(), rawX.med()) << " |\n"
@@ -892,7 +1163,22 @@ int main(int argc, char** argv)
        << "| 6b | RSS growth from 10 s to 60 s of playing (KiB) | " << num(growthKiB) << " ("
        << num(double(memoryRun.rss60KiB - memoryRun.rss35KiB)) << " after 35 s) | paused, over 50 s (scaled from "
        << num(memoryRun.idleWindowS, 2) << " s): " << num(idleGrowthPer50s) << " | " << ratio(growthKiB, idleGrowthPer50s)
-       << " |\n\n"
+       << " |\n"
+       << "| 6c | RSS growth per update swap, fast pace, least squares over swaps " << kWarmupSwaps + 1 << "–"
+       << kLastSwap << " (KiB per swap) | " << num(kib(rssPerSwap)) << " (" << num(rssAt(kWarmupSwaps) / 1024) << " → "
+       << num(rssAt(kLastSwap) / 1024) << " MiB) | the first " << kWarmupSwaps << " swaps: " << num(kib(rssWarmupPerSwap))
+       << " | " << ratio(kib(rssPerSwap), kib(rssWarmupPerSwap)) << " |\n"
+       << "| 6d | heap in use per update swap, under heaptrack: swaps " << kWarmupSwaps << "–"
+       << kWarmupSwaps + kHeaptrackBlock - 1 << " against " << kWarmupSwaps + kHeaptrackBlock << "–" << kHeaptrackSwaps - 1
+       << " (KiB per swap) | " << num(kib(heapPerSwap)) << " (" << num(heapBlock(kWarmupSwaps)) << " → "
+       << num(heapBlock(kWarmupSwaps + kHeaptrackBlock)) << " KiB; not freed at exit: " << num(heapMemory.heapLeakedKiB)
+       << " KiB) | swaps 0–" << kHeaptrackBlock - 1 << " against " << kWarmupSwaps - kHeaptrackBlock << "–"
+       << kWarmupSwaps - 1 << ": " << num(kib(heapWarmupPerSwap)) << " | " << ratio(kib(heapPerSwap), kib(heapWarmupPerSwap))
+       << " |\n"
+       << "| 6e | RSS growth per hour of audio, fast pace, least squares over hours " << num(kWarmupHours) << "–"
+       << num(kWarmupHours + kMeasuredHours) << " (KiB per hour) | " << num(rssPerHour) << " ("
+       << num(audioMemory.wallSeconds) << " s for " << num(kWarmupHours + kMeasuredHours) << " h) | the first hour: "
+       << num(rssFirstHour) << " | " << ratio(rssPerHour, rssFirstHour) << " |\n\n"
        << "![RSS of vrax-host while playing, and the received stream around the update swap](latest.png)\n\n";
 
     md << "## How each figure is measured\n\n"
@@ -921,7 +1207,16 @@ int main(int argc, char** argv)
           "`orvello/browse/uiPairCode` on an unpaired device, timed by the client, against `ABC1EF`, which the module "
           "refuses before loading or asking the library.\n"
        << "6. VmHWM and VmRSS from `/proc/PID/status` of the first realtime run: paused 20 s, then playing 60 s "
-          "with RSS sampled each second.\n\n"
+          "with RSS sampled each second. 6c: a fresh host at fast pace, paired, checking for updates every second, "
+          "tracks of 2 s; the service offers the running version with a number behind it (\"1.0.0.00001\") and the "
+          "other reference build, and 1.0.0 again once the exit is requested, so each offer makes one swap ("
+       << num(swapMemory.secondsPerSwap) << " s per swap); VmRSS is read once each new library has loaded. 6d: the "
+          "same under heaptrack (its library preloaded, its data read with `heaptrack_print --print-massif`) for "
+       << kHeaptrackSwaps << " swaps: the heap at rest after a swap is the least in use until the next one, and a "
+          "block's figure is the median over its " << kHeaptrackBlock << " swaps. The baselines are the swaps before "
+          "the measured ones. "
+          "6e: a fresh host at fast pace without update checks until " << num(kWarmupHours + kMeasuredHours)
+       << " h of audio have played, VmRSS every 250 ms against the pipeline's seconds.\n\n"
        << "Each device run is a new vrax-host in an emptied directory (settings, data, cache, traces); nothing "
           "warm is carried from one run to the next except the kernel's page cache of the binaries, which all runs, "
           "module and baseline, share alike. Tracing costs one write() per 16 KiB chunk on each side, so "
@@ -1053,6 +1348,42 @@ int main(int argc, char** argv)
     else
         md << "- RSS is flat while playing: " << num(growthKiB) << " KiB from 10 s to 60 s, " << num(lateGrowthKiB)
            << " KiB of it after 35 s: a single step early on, then nothing.\n";
+    // What the swap and hours figures mean.
+    if (rssSteps == 0)
+        md << "- Update swaps: RSS does not grow over swaps " << kWarmupSwaps + 1 << "–" << kLastSwap << " (it grew "
+           << num(kib(rssWarmupPerSwap)) << " KiB per swap over the first " << kWarmupSwaps << "). ";
+    else
+        md << "- Update swaps: RSS grows " << num(kib(rssPerSwap)) << " KiB per swap over swaps " << kWarmupSwaps + 1
+           << "–" << kLastSwap << " (" << num(kib(rssFirstHalfPerSwap)) << " over swaps " << kWarmupSwaps + 1 << "–"
+           << kMidSwap << ", " << num(kib(rssSecondHalfPerSwap)) << " over " << kMidSwap + 1 << "–" << kLastSwap
+           << "), in " << rssSteps << " step(s) of whole pages; over the first " << kWarmupSwaps << " it grew "
+           << num(kib(rssWarmupPerSwap)) << " KiB per swap. ";
+    if (std::isnan(heapPerSwap))
+        md << "heaptrack was not there to say whether the heap grows with it.\n";
+    else if (std::fabs(kib(heapPerSwap)) < 0.1)
+        md << "The heap in use does not grow with the swaps (" << num(kib(heapPerSwap)) << " KiB per swap under "
+              "heaptrack after the first " << kWarmupSwaps << "): every swap frees what it allocated, the old "
+              "library's thread, the download and the install included, and the module keeps nothing per swap. Over "
+              "the first swaps the heap does grow (" << num(kib(heapWarmupPerSwap)) << " KiB per swap): vrax-host "
+              "keeps the last 200 log lines for its web page (heaptrack names EventHub::publishLog), and the swaps "
+              "and update checks log a few lines each until that store is full. "
+           << (rssSteps == 0 ? "\n"
+                             : "What RSS gains after that is held by no object: it is memory the allocator keeps "
+                               "after frees, an arena's high-water mark a page higher now and then.\n");
+    else
+        md << "**The heap in use grows " << num(kib(heapPerSwap)) << " KiB per swap under heaptrack**: something is "
+              "kept per swap: `heaptrack_print -f " << work << "/swaps-heaptrack/heaptrack.data` shows where.\n";
+    md << "- Hours of audio: RSS grows " << num(rssPerHour) << " KiB per hour of audio over hours " << num(kWarmupHours)
+       << "–" << num(kWarmupHours + kMeasuredHours) << " (" << num(rssFirstHalfPerHour) << " over hours "
+       << num(kWarmupHours) << "–" << num(kMidHour) << ", " << num(rssSecondHalfPerHour) << " over " << num(kMidHour)
+       << "–" << num(kWarmupHours + kMeasuredHours) << "), after " << num(rssFirstHour) << " KiB in the first hour. ";
+    if (rssSecondHalfPerHour < 8)
+        md << "It has settled: playing keeps nothing.\n";
+    else if (rssSecondHalfPerHour < 0.75 * rssFirstHalfPerHour)
+        md << "The growth slows as it goes, as an allocator's arenas do while they reach their high-water marks; "
+              "something kept per chunk or per track would grow evenly with the audio.\n";
+    else
+        md << "**It does not slow down: something allocates while playing and keeps it.**\n";
     if (underrunsPlaying > 0 || underrunsPaused > 0)
         md << "- **The pipeline counted " << underrunsPaused + underrunsPlaying << " underrun(s)** over the realtime "
               "runs: audio arrived later than the sound card would have needed it. With about a second queued ahead "
@@ -1082,6 +1413,26 @@ int main(int argc, char** argv)
         s << "# ms from the old library's last audio read, MB read\n";
         for (const QPointF& p : swapWindow)
             s << p.x() << ' ' << p.y() << '\n';
+    }
+    QFile swaps(work + QStringLiteral("/swaps.dat")), heap(work + QStringLiteral("/heap.dat")),
+        hours(work + QStringLiteral("/hours.dat"));
+    if (swaps.open(QIODevice::WriteOnly)) {
+        QTextStream s(&swaps);
+        s << "# swaps done, RSS MiB\n";
+        for (const QPointF& p : swapMemory.rssKiB)
+            s << p.x() << ' ' << p.y() / 1024 << '\n';
+    }
+    if (heap.open(QIODevice::WriteOnly)) {
+        QTextStream s(&heap);
+        s << "# swaps done, heap in use MiB (under heaptrack)\n";
+        for (const QPointF& p : heapMemory.heapKiB)
+            s << p.x() << ' ' << p.y() / 1024 << '\n';
+    }
+    if (hours.open(QIODevice::WriteOnly)) {
+        QTextStream s(&hours);
+        s << "# hours of audio, RSS MiB\n";
+        for (const QPointF& p : audioMemory.rssKiB)
+            s << p.x() << ' ' << p.y() / 1024 << '\n';
     }
     std::printf("\n%s", report.c_str());
     return 0;

@@ -399,6 +399,19 @@ bool FaultDevice::mountReadOnly(const QString& path)
     return run(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("remount,bind,ro"), path});
 }
 
+bool FaultDevice::unmount(const QString& path)
+{
+    const int at = m_mounts.lastIndexOf(path);
+    if (at < 0) {
+        setupError(QStringLiteral("nothing of this case is mounted at %1").arg(path));
+        return false;
+    }
+    if (!run(QStringLiteral("umount"), {path}))
+        return false;
+    m_mounts.removeAt(at);
+    return true;
+}
+
 bool FaultDevice::mountTmpfs(const QString& path, const QString& size)
 {
     QDir().mkpath(path);

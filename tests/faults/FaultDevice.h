@@ -119,6 +119,8 @@ public:
 
     // Disk
     bool mountReadOnly(const QString& path);
+    // Takes away what was mounted last at path (mountReadOnly, mountTmpfs).
+    bool unmount(const QString& path);
     // A tmpfs of this size at path, mode 0700 like the directory the module makes there.
     bool mountTmpfs(const QString& path, const QString& size);
     bool resizeTmp(const QString& size);

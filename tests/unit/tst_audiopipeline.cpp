@@ -7,6 +7,7 @@
 
 #include <QFile>
 #include <QTemporaryDir>
+#include <QtEndian>
 #include <QtTest>
 
 #include "smt2wire.h"
@@ -114,6 +115,41 @@ private slots:
         QCOMPARE(third.rate, 44100);
         QVERIFY(third.bytes() == a3);
         QVERIFY(!QFile::exists(m_dir.filePath("out-4.wav")));
+    }
+
+    // A recording of an afternoon with the music stopped now and then: every play after a stop
+    // goes on at the end of the file, and the header counts what is there after each sequence
+    // and each second of audio, so a crash loses at most the last second.
+    void wavKeepsEverythingAcrossStops()
+    {
+        const QString wav = m_dir.filePath("afternoon.wav");
+        vrax::AudioPipeline pipeline(socket(), vrax::makeAudioSink("wav:" + wav.toStdString(), nullptr));
+        constexpr int kSecond = 44100 * 4;
+        QByteArray recorded;
+        for (int play = 0; play < 3; ++play) {
+            QVERIFY(pipeline.start());
+            Smt2Client client(socket());
+            QVERIFY(client.connect());
+            client.format(44100, 2);
+            QByteArray piece(kSecond * 3 / 2, Qt::Uninitialized);
+            for (int i = 0; i < piece.size(); ++i)
+                piece[i] = char(play * 31 + i % 251);
+            QVERIFY(client.sendAndWait(piece));
+            // Mid-sequence the header already counts the first second.
+            WAIT_VERIFY(wavDataSize(wav) >= recorded.size() + kSecond);
+            client.sender.endCurrentAudioSequence();
+            recorded += piece;
+            WAIT_VERIFY(wavDataSize(wav) == recorded.size());
+            client.sender.disconnect();
+            pipeline.stop();
+            QCOMPARE(pipeline.counters().bytes, quint64(recorded.size()));
+            QCOMPARE(wavDataSize(wav), qint64(recorded.size()));
+            const WavFile file = readWav(wav);
+            QCOMPARE(file.rate, 44100);
+            QCOMPARE(file.channels, 2);
+            QVERIFY2(file.bytes() == recorded, qPrintable(QStringLiteral("after stop %1").arg(play + 1)));
+        }
+        QVERIFY(!QFile::exists(m_dir.filePath("afternoon-2.wav")));
     }
 
     void oneSenderAtATime()
@@ -387,6 +423,21 @@ private slots:
 
 private:
     std::string socket() const { return m_dir.filePath("pipe.sock").toStdString(); }
+
+    // The size the header of a canonical WAV file gives its data, when the RIFF size matches the
+    // file and the data chunk runs to its end; -1 otherwise.
+    static qint64 wavDataSize(const QString& path)
+    {
+        const QByteArray bytes = fileBytes(path);
+        auto u32 = [&](int at) { return qint64(qFromLittleEndian<quint32>(bytes.constData() + at)); };
+        if (bytes.size() < 12 || !bytes.startsWith("RIFF") || bytes.mid(8, 4) != "WAVE" || u32(4) != bytes.size() - 8)
+            return -1;
+        for (int at = 12; at + 8 <= bytes.size(); at += 8 + int(u32(at + 4))) {
+            if (bytes.mid(at, 4) == "data")
+                return u32(at + 4) == bytes.size() - at - 8 ? u32(at + 4) : -1;
+        }
+        return -1;
+    }
     LogCapture m_log;
     QTemporaryDir m_dir;
 };

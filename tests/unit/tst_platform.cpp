@@ -1,5 +1,6 @@
 // The desktop platform's core: replies, settings store, value and action delivery, texts.
 #include "LogCapture.h"
+#include "TestFiles.h"
 #include "TestPlatform.h"
 
 #include "model/cmnode.h"
@@ -13,9 +14,13 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
+
+#include <sys/stat.h>
 
 #include <atomic>
 
@@ -46,8 +51,12 @@ private Q_SLOTS:
     void settingsAreTypedAndWrittenBack();
     void badSettingsFileIsRefused_data();
     void badSettingsFileIsRefused();
-    void settingThatCannotBeWrittenIsReported_data();
-    void settingThatCannotBeWrittenIsReported();
+    void settingsFileMode_data();
+    void settingsFileMode();
+    void unwritableSettingIsKeptAndRetried_data();
+    void unwritableSettingIsKeptAndRetried();
+    void unsavedSettingAtExit_data();
+    void unsavedSettingAtExit();
 
     void setValueRoutes();
     void invokeDeliversQueuedToTheAction();
@@ -193,53 +202,190 @@ void TestPlatformCore::badSettingsFileIsRefused()
     QVERIFY(error.contains(QStringLiteral("does not exist")));
 }
 
-void TestPlatformCore::settingThatCannotBeWrittenIsReported_data()
+// The settings hold the pairing token and the vendor secret: no rewrite makes them readable by
+// accounts that could not read them before, whatever the umask.
+void TestPlatformCore::settingsFileMode_data()
+{
+    QTest::addColumn<int>("umask");
+    QTest::addColumn<int>("existingMode"); // -1: no file yet
+    QTest::addColumn<bool>("throughLink");
+    QTest::addColumn<int>("expectedMode");
+    QTest::newRow("new file, umask 000") << 0000 << -1 << false << 0600;
+    QTest::newRow("new file, umask 022") << 0022 << -1 << false << 0600;
+    QTest::newRow("existing 0640, umask 000") << 0000 << 0640 << false << 0640;
+    QTest::newRow("existing 0640, umask 077") << 0077 << 0640 << false << 0640;
+    QTest::newRow("existing 0600, umask 000") << 0000 << 0600 << false << 0600;
+    QTest::newRow("a link to a 0640 file") << 0000 << 0640 << true << 0640;
+}
+
+void TestPlatformCore::settingsFileMode()
+{
+    QFETCH(int, umask);
+    QFETCH(int, existingMode);
+    QFETCH(bool, throughLink);
+    QFETCH(int, expectedMode);
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString file = dir.filePath(QStringLiteral("settings.json"));
+    const QString link = dir.filePath(QStringLiteral("link.json"));
+    if (existingMode >= 0) {
+        QVERIFY(writeBytes(file, "{\"settings/orvello/token\": \"old\"}"));
+        QVERIFY(::chmod(QFile::encodeName(file).constData(), mode_t(existingMode)) == 0);
+    }
+    if (throughLink)
+        QVERIFY(QFile::link(file, link));
+    const mode_t previousUmask = ::umask(mode_t(umask));
+    auto restoreUmask = qScopeGuard([&] { ::umask(previousUmask); });
+
+    vrax::SettingsStore store;
+    QString error;
+    QVERIFY2(store.open(throughLink ? link : file, existingMode < 0, &error), qPrintable(error));
+    VraxValue secret;
+    secret.setString_(QStringLiteral("secret"));
+    QVERIFY2(store.setValue(VraxOrvelloVendorSecretPath(), secret, &error), qPrintable(error));
+
+    struct stat written = {};
+    QVERIFY(::stat(QFile::encodeName(file).constData(), &written) == 0);
+    QCOMPARE(int(written.st_mode & 07777), expectedMode);
+    QVERIFY(fileBytes(file).contains("secret"));
+    if (throughLink)
+        QVERIFY(QFileInfo(link).isSymLink());
+    // No temporary file is left beside it.
+    QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::System).size(), throughLink ? 2 : 1);
+}
+
+namespace {
+// Makes the settings file at file unwritable in one of two ways, and writable again.
+struct SettingsDamage
+{
+    QString kind;
+    QString file;
+    QString dir() const { return QFileInfo(file).path(); }
+    bool apply() const
+    {
+        if (kind == QLatin1String("remove directory"))
+            return QDir(dir()).removeRecursively();
+        return QFile::remove(file) && QDir().mkpath(file);
+    }
+    bool repair() const
+    {
+        if (kind == QLatin1String("remove directory"))
+            return QDir().mkpath(dir());
+        return QDir(file).removeRecursively();
+    }
+};
+
+const QString kUnsavedLine = QStringLiteral(
+    "^Cannot write settings file %1: .+; %2 keeps its new value unsaved until the file can be written \\(retried "
+    "with back-off, and at exit\\)$");
+} // namespace
+
+void TestPlatformCore::unwritableSettingIsKeptAndRetried_data()
 {
     QTest::addColumn<QString>("damage");
     QTest::newRow("directory removed") << QStringLiteral("remove directory");
     QTest::newRow("a directory in the file's place") << QStringLiteral("directory at file");
 }
 
-// The reply carries the error and the platform logs it: the module's own writers ignore the
-// reply, and a token that silently failed to save unpairs the device at the next start.
-void TestPlatformCore::settingThatCannotBeWrittenIsReported()
+// A setting the file cannot take is in effect at once, reported once, and written by a retry
+// once the file can be written: a token saved while the disk was read-only survives the next start.
+void TestPlatformCore::unwritableSettingIsKeptAndRetried()
 {
     QFETCH(QString, damage);
     TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("old")}});
-    const QString dir = t.dir() + QStringLiteral("/etc");
-    const QString file = dir + QStringLiteral("/settings.json");
-    QVERIFY(QDir().mkpath(dir));
-    QVERIFY(QFile::copy(t.settingsFile(), file));
+    const SettingsDamage broken{damage, t.dir() + QStringLiteral("/etc/settings.json")};
+    QVERIFY(QDir().mkpath(broken.dir()));
+    QVERIFY(QFile::copy(t.settingsFile(), broken.file));
     QString error;
-    QVERIFY2(t.platform().settings().open(file, false, &error), qPrintable(error));
-    if (damage == QLatin1String("remove directory")) {
-        QVERIFY(QDir(dir).removeRecursively());
-    } else {
-        QVERIFY(QFile::remove(file));
-        QVERIFY(QDir().mkpath(file));
-    }
+    QVERIFY2(t.platform().settings().open(broken.file, false, &error), qPrintable(error));
+    QVERIFY(broken.apply());
 
     LogCapture log;
-    VraxHash token;
-    token.setString_(QStringLiteral("new"));
-    CMVoidReply reply;
-    CMRoot()->setValue(VraxOrvelloTokenPath(), token, reply);
+    auto setToken = [](const QString& text) {
+        VraxHash token;
+        token.setString_(text);
+        CMVoidReply reply;
+        CMRoot()->setValue(VraxOrvelloTokenPath(), token, reply);
+        return reply;
+    };
+    const CMVoidReply reply = setToken(QStringLiteral("new"));
     QVERIFY(reply.isFinished());
     QVERIFY(reply.isError());
-    QVERIFY2(reply.error().text().contains(file), qPrintable(reply.error().text()));
+    QVERIFY2(reply.error().text().startsWith(QStringLiteral("settings/orvello/token is not saved yet: settings file ")
+                                             + broken.file),
+             qPrintable(reply.error().text()));
+    QCOMPARE(VraxHash(CMRoot()->getValue(VraxOrvelloTokenPath()).toHash()).string_(), QStringLiteral("new"));
     const QStringList errors = log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL);
     QCOMPARE(errors.size(), 1);
     QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Vrax")), errors);
-    // The file, the reason, and what becomes of the setting.
-    const QRegularExpression line(QStringLiteral("^Cannot write settings file %1: .+; settings/orvello/token keeps its previous value$")
-                                      .arg(QRegularExpression::escape(file)));
+    const QRegularExpression line(kUnsavedLine.arg(QRegularExpression::escape(broken.file), QStringLiteral("settings/orvello/token")));
     QVERIFY2(line.match(errors.first()).hasMatch(), qPrintable(errors.first()));
-    QCOMPARE(VraxHash(CMRoot()->getValue(VraxOrvelloTokenPath()).toHash()).string_(), QStringLiteral("old"));
+
+    // Changed again and retried while the file still fails: no second report.
+    QVERIFY(setToken(QStringLiteral("newer")).isError());
+    QTRY_VERIFY_WITH_TIMEOUT(!log.messages(log4cplus::DEBUG_LOG_LEVEL, QStringLiteral("Vrax")).filter(QStringLiteral("still cannot be written")).isEmpty(), 5000);
+    QCOMPARE(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL), errors);
+
+    QVERIFY(broken.repair());
+    QTRY_VERIFY_WITH_TIMEOUT(fileBytes(broken.file).contains("newer"), 10000);
+    QVERIFY2(log.contains(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Settings file %1 written; saved at last: settings/orvello/token").arg(broken.file)),
+             qPrintable(log.dump()));
+    vrax::SettingsStore reread;
+    QVERIFY2(reread.open(broken.file, false, &error), qPrintable(error));
+    QCOMPARE(reread.value(VraxOrvelloTokenPath()).string_(), QStringLiteral("newer"));
+    // Saved again: the next change is plain.
+    QVERIFY(!setToken(QStringLiteral("newest")).isError());
+    QCOMPARE(log.messagesAtLeast(log4cplus::WARN_LOG_LEVEL), errors);
 
     VraxValue twoTypes;
     twoTypes.setString_(QStringLiteral("x"));
     twoTypes.setI32_(1);
-    QVERIFY(!t.platform().settings().setValue(CMPath(QStringLiteral("settings/a")), twoTypes, &error));
+    bool unsaved = true;
+    QVERIFY(!t.platform().settings().setValue(CMPath(QStringLiteral("settings/a")), twoTypes, &error, &unsaved));
+    QVERIFY(!unsaved);
+}
+
+void TestPlatformCore::unsavedSettingAtExit_data()
+{
+    QTest::addColumn<bool>("repaired");
+    QTest::newRow("writable again by then") << true;
+    QTest::newRow("still unwritable") << false;
+}
+
+// What no retry saved is written when the store goes (the host's exit), or reported lost.
+void TestPlatformCore::unsavedSettingAtExit()
+{
+    QFETCH(bool, repaired);
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const SettingsDamage broken{QStringLiteral("remove directory"), dir.filePath(QStringLiteral("etc/settings.json"))};
+    QVERIFY(writeBytes(broken.file, "{\"settings/orvello/token\": \"old\"}"));
+    LogCapture log;
+    {
+        vrax::SettingsStore store;
+        QString error;
+        QVERIFY2(store.open(broken.file, false, &error), qPrintable(error));
+        QVERIFY(broken.apply());
+        VraxValue token;
+        token.setString_(QStringLiteral("new"));
+        bool unsaved = false;
+        QVERIFY(!store.setValue(VraxOrvelloTokenPath(), token, &error, &unsaved));
+        QVERIFY(unsaved);
+        if (repaired)
+            QVERIFY(broken.repair());
+    }
+    if (repaired) {
+        QVERIFY(fileBytes(broken.file).contains("\"new\""));
+        QVERIFY2(log.contains(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Settings file %1 written at exit; saved at last: settings/orvello/token").arg(broken.file)),
+                 qPrintable(log.dump()));
+        QCOMPARE(log.messages(log4cplus::ERROR_LOG_LEVEL).size(), 1);
+    } else {
+        const QStringList errors = log.messages(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Vrax"));
+        QCOMPARE(errors.size(), 2);
+        const QRegularExpression lost(QStringLiteral("^Cannot write settings file %1 at exit: .+; lost: settings/orvello/token$")
+                                          .arg(QRegularExpression::escape(broken.file)));
+        QVERIFY2(lost.match(errors.last()).hasMatch(), qPrintable(errors.last()));
+    }
 }
 
 void TestPlatformCore::setValueRoutes()

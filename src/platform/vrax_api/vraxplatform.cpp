@@ -57,8 +57,11 @@ void Platform::setValue(const CMPath& path, const VraxValue& value, const CMVoid
     CMVoidReply answer(reply);
     if (isSettingsPath(path)) {
         QString why;
-        if (m_settings.setValue(path, value, &why))
+        bool unsaved = false;
+        if (m_settings.setValue(path, value, &why, &unsaved))
             answer.setValue();
+        else if (unsaved)
+            answer.setError(platformError("%1 is not saved yet: %2", {path.toString(), why}));
         else
             answer.setError(platformError("Cannot store %1: %2", {path.toString(), why}));
         return;

@@ -38,7 +38,8 @@ public:
     // Thread-safe. The typed hash of a setting or value node; an empty hash otherwise.
     QVariant getValue(const CMPath& path) const;
     // Thread-safe. Stores a setting, stores a node's value, or hands it to the node's validate
-    // handler; the reply gets the outcome.
+    // handler; the reply gets the outcome. A setting the file cannot take yet is in effect but
+    // answered with an error that says it is not saved yet (SettingsStore::setValue).
     void setValue(const CMPath& path, const VraxValue& value, const CMVoidReply& reply);
     // Hands value to the action node at path; its handler answers the reply.
     void invoke(const CMPath& path, const VraxHash& value, const CMReply<QVariant>& reply);

@@ -24,6 +24,30 @@ CMVoidReply failed(const CMError& error)
     reply.setError(error);
     return reply;
 }
+
+// The player's one sink, lent to each pipeline it opens: a stream on another socket goes on in
+// the same recording instead of starting it again. One pipeline at a time uses it.
+class LentSink : public AudioSink
+{
+public:
+    explicit LentSink(std::shared_ptr<AudioSink> sink) : m_sink(std::move(sink)) {}
+    bool startSequence(const audioUtils::PcmAudioInfo& format, std::string* error) override
+    {
+        return m_sink->startSequence(format, error);
+    }
+    bool write(const std::uint8_t* data, std::size_t size, std::string* error) override
+    {
+        return m_sink->write(data, size, error);
+    }
+    void flush() override { m_sink->flush(); }
+    void endSequence() override { m_sink->endSequence(); }
+    void close() override { m_sink->close(); }
+    bool pacesItself() const override { return m_sink->pacesItself(); }
+    std::uint64_t underruns() const override { return m_sink->underruns(); }
+
+private:
+    std::shared_ptr<AudioSink> m_sink;
+};
 } // namespace
 
 DevicePlayer::DevicePlayer(const std::string& sinkSpec, AudioPace pace)
@@ -100,12 +124,14 @@ bool DevicePlayer::ensurePipeline(const std::string& socketPath, QString* error)
         return true;
     if (!m_pipeline || m_pipeline->socketPath() != socketPath) {
         std::string why;
-        std::unique_ptr<AudioSink> sink = makeAudioSink(m_sinkSpec, &why);
-        if (!sink) {
+        if (!m_sink)
+            m_sink = makeAudioSink(m_sinkSpec, &why);
+        if (!m_sink) {
             *error = QString::fromStdString(why);
             return false;
         }
-        m_pipeline = std::make_unique<AudioPipeline>(socketPath, std::move(sink), m_pace);
+        // The pipeline it replaces is stopped before this one starts: the sink is never shared.
+        m_pipeline = std::make_unique<AudioPipeline>(socketPath, std::make_unique<LentSink>(m_sink), m_pace);
         if (!m_traceFile.empty())
             m_pipeline->setTraceFile(m_traceFile);
         // The hooks run on the pipeline's thread, which is joined before this player goes; what

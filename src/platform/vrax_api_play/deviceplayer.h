@@ -62,6 +62,8 @@ private:
     std::string m_sinkSpec;
     AudioPace m_pace;
     std::string m_traceFile;
+    // Made at the first stream, then lent to every pipeline.
+    std::shared_ptr<AudioSink> m_sink;
     std::unique_ptr<AudioPipeline> m_pipeline;
     QPointer<PlayLogicBase> m_current;
     VraxRoles m_lastRoles;

@@ -39,10 +39,11 @@ class WavSink : public AudioSink
 {
 public:
     explicit WavSink(std::string path) : m_path(std::move(path)) {}
-    ~WavSink() override { close(); }
+    ~WavSink() override { finishFile(); }
 
     bool startSequence(const audioUtils::PcmAudioInfo& format, std::string* error) override
     {
+        // The file stays open across stops and plays: a play after a stop goes on at its end.
         if (m_file && format == m_format)
             return true;
         finishFile();
@@ -58,6 +59,7 @@ public:
             return false;
         }
         m_format = format;
+        m_unheaded = 0;
         return true;
     }
 
@@ -78,13 +80,24 @@ public:
             return false;
         }
         m_carry.erase(m_carry.begin(), m_carry.begin() + std::ptrdiff_t(whole));
+        // A crash loses at most the last second: the header counts the rest.
+        m_unheaded += whole;
+        if (m_unheaded >= std::size_t(m_format.sampleRate()) * frame)
+            updateHeader();
         return true;
+    }
+
+    // A piece of a frame left at the end belongs to no frame of what follows.
+    void endSequence() override
+    {
+        updateHeader();
+        m_carry.clear();
     }
 
     void close() override
     {
-        finishFile();
-        m_fileCount = 0;
+        updateHeader();
+        m_carry.clear();
     }
 
 private:
@@ -96,6 +109,13 @@ private:
         if (base.size() > 4 && base.compare(base.size() - 4, 4, ".wav") == 0)
             base.resize(base.size() - 4);
         return base + "-" + std::to_string(count) + ".wav";
+    }
+
+    void updateHeader()
+    {
+        if (m_file && m_unheaded > 0)
+            sf_command(m_file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        m_unheaded = 0;
     }
 
     void finishFile()
@@ -111,6 +131,7 @@ private:
     audioUtils::PcmAudioInfo m_format;
     int m_fileCount = 0;
     std::vector<std::uint8_t> m_carry;
+    std::size_t m_unheaded = 0; // bytes written since the header was last brought up to date
 };
 
 #ifdef VRAX_HAVE_ALSA

@@ -22,7 +22,8 @@ public:
     // Drops audio not yet played (a device's buffer); written files keep what they have.
     virtual void flush() {}
     virtual void endSequence() {}
-    // Finishes every output (a file's header). The sink may be used again afterwards.
+    // Finishes what was output so far (a file's header counts every frame). The sink may be
+    // used again afterwards; a WAV file then goes on where it ended.
     virtual void close() {}
     // True when write() blocks at the playing pace itself, like a sound card.
     virtual bool pacesItself() const { return false; }
@@ -32,9 +33,12 @@ public:
 
 // Discards everything.
 std::unique_ptr<AudioSink> makeNullSink();
-// WAV files through libsndfile: every sequence goes into path while the format stays the same;
-// each change of format continues in path-2.wav, path-3.wav, ... (a ".wav" ending of path
-// is replaced). A file's header is finished when the format changes and on close().
+// WAV files through libsndfile: every sequence goes into path while the format stays the same,
+// across close() and later sequences, so nothing recorded is written over; each change of
+// format continues in path-2.wav, path-3.wav, ... (a ".wav" ending of path is replaced). The
+// header is brought up to date at the end of each sequence, every second of audio and on
+// close(), so a crash loses at most the last second; the file is closed when the format changes
+// and when the sink is destroyed. The first sequence starts path afresh.
 std::unique_ptr<AudioSink> makeWavSink(const std::string& path);
 // Live sound through ALSA ("default" when device is empty); null when built without ALSA.
 std::unique_ptr<AudioSink> makeAlsaSink(const std::string& device);
