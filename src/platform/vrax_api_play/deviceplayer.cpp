@@ -26,8 +26,8 @@ CMVoidReply failed(const CMError& error)
 }
 } // namespace
 
-DevicePlayer::DevicePlayer(const std::string& sinkSpec, AudioPace pace)
-    : m_sinkSpec(sinkSpec), m_pace(pace)
+DevicePlayer::DevicePlayer(const AudioOutput& output, AudioPace pace)
+    : m_output(std::make_unique<AudioOutput>(output)), m_pace(pace)
 {
     VRAX_ASSERT(s_instance == nullptr);
     s_instance = this;
@@ -100,7 +100,7 @@ bool DevicePlayer::ensurePipeline(const std::string& socketPath, QString* error)
         return true;
     if (!m_pipeline || m_pipeline->socketPath() != socketPath) {
         std::string why;
-        std::unique_ptr<AudioSink> sink = makeAudioSink(m_sinkSpec, &why);
+        std::unique_ptr<AudioSink> sink = makeAudioSink(*m_output, &why);
         if (!sink) {
             *error = QString::fromStdString(why);
             return false;
