@@ -41,8 +41,9 @@ public:
     // Connects and shakes hands. Completes with Success once Streaming is reached (after the
     // state handler reported it), or with the reason it failed.
     Future<ErrorID> connect();
-    // Closes the connection; pending operations complete with Disconnected. Returns once the
-    // state is Disconnected (called on the loop thread: at once).
+    // Closes the connection: the message being written completes with Disconnected, queued ones
+    // with NotConnected (a queued sequence info is kept, with Success). Returns once the state is
+    // Disconnected (called on the loop thread: at once).
     void disconnect();
 
     // The current state; thread-safe.
