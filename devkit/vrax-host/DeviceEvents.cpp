@@ -18,7 +18,7 @@ namespace {
 constexpr int kSampleIntervalMs = 250;
 }
 
-DeviceEvents::DeviceEvents(vrax::Platform* platform, vrax::DevicePlayer* player, HostOptions::Pace pace, EventHub* hub)
+DeviceEvents::DeviceEvents(vrax::Platform* platform, vrax::DevicePlayer* player, vrax::AudioPace pace, EventHub* hub)
     : m_platform(platform), m_player(player), m_pace(pace), m_hub(hub),
       m_playLogicPath(VraxOrvelloPlayLogicPath().toString())
 {

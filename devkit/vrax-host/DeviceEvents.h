@@ -1,7 +1,6 @@
 #pragma once
 
 #include "EventHub.h"
-#include "HostOptions.h"
 
 #include <QHash>
 #include <QJsonObject>
@@ -13,6 +12,7 @@
 class CMNode;
 class CMWorker;
 namespace vrax {
+enum class AudioPace;
 class DevicePlayer;
 class Platform;
 }
@@ -30,7 +30,7 @@ class DeviceEvents : public QObject
 {
     Q_OBJECT
 public:
-    DeviceEvents(vrax::Platform* platform, vrax::DevicePlayer* player, HostOptions::Pace pace, EventHub* hub);
+    DeviceEvents(vrax::Platform* platform, vrax::DevicePlayer* player, vrax::AudioPace pace, EventHub* hub);
 
     // Starts following the worker's nodes (those it publishes later too).
     void watch(CMWorker* worker);
@@ -48,7 +48,7 @@ private:
 
     vrax::Platform* m_platform;
     vrax::DevicePlayer* m_player;
-    HostOptions::Pace m_pace;
+    vrax::AudioPace m_pace;
     EventHub* m_hub;
     QString m_playLogicPath;
     QSet<QObject*> m_nodeSets;

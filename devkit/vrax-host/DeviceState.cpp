@@ -93,7 +93,7 @@ QJsonObject volume()
     return QJsonObject{{QStringLiteral("volume"), volume.volume()}, {QStringLiteral("muted"), volume.muted()}};
 }
 
-QJsonObject pipeline(const vrax::DevicePlayer& player, HostOptions::Pace pace)
+QJsonObject pipeline(const vrax::DevicePlayer& player, vrax::AudioPace pace)
 {
     const vrax::AudioPipeline* pipeline = player.pipeline();
     const vrax::AudioPipelineCounters counters = pipeline ? pipeline->counters() : vrax::AudioPipelineCounters();
@@ -112,8 +112,7 @@ QJsonObject pipeline(const vrax::DevicePlayer& player, HostOptions::Pace pace)
         {QStringLiteral("refusedPeers"), double(counters.refusedPeers)},
         {QStringLiteral("sampleRate"), counters.format.sampleRate()},
         {QStringLiteral("channels"), counters.format.channels()},
-        {QStringLiteral("pace"), QString::fromLatin1(vrax::AudioPipeline::toString(
-                                     pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast : vrax::AudioPace::Realtime))}};
+        {QStringLiteral("pace"), QString::fromLatin1(vrax::AudioPipeline::toString(pace))}};
 }
 
 QJsonObject device()

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "HostOptions.h"
-
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
@@ -9,6 +7,7 @@
 class CMNode;
 class QVariant;
 namespace vrax {
+enum class AudioPace;
 class DevicePlayer;
 class Platform;
 }
@@ -33,7 +32,7 @@ QJsonObject playLogic(const QString& path);
 // volume (0 to 100) and muted.
 QJsonObject volume();
 // The audio pipeline's counters.
-QJsonObject pipeline(const vrax::DevicePlayer& player, HostOptions::Pace pace);
+QJsonObject pipeline(const vrax::DevicePlayer& player, vrax::AudioPace pace);
 // What the device's settings say about it: product, serial number, and whether it is paired
 // (with its device id); never the token or the vendor's secret.
 QJsonObject device();

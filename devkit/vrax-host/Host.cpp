@@ -103,24 +103,11 @@ bool Host::start(QString* error)
     if (!m_platform->settings().open(settingsFile, !explicitSettings, error))
         return false;
 
-    std::string sinkSpec;
-    switch (m_options.audioOut) {
-    case HostOptions::AudioOut::Null:
-        sinkSpec = "null";
-        break;
-    case HostOptions::AudioOut::Wav:
-        sinkSpec = "wav:" + m_options.audioTarget.toStdString();
-        break;
-    case HostOptions::AudioOut::Alsa:
-        if (!vrax::alsaAvailable()) {
-            *error = QStringLiteral("--audio-out alsa: this build has no ALSA support");
-            return false;
-        }
-        sinkSpec = "alsa:" + m_options.audioTarget.toStdString();
-        break;
+    if (m_options.audioOut.kind == vrax::AudioOutput::Kind::Alsa && !vrax::alsaAvailable()) {
+        *error = QStringLiteral("--audio-out alsa: this build has no ALSA support");
+        return false;
     }
-    m_player = std::make_unique<vrax::DevicePlayer>(
-        sinkSpec, m_options.pace == HostOptions::Pace::Fast ? vrax::AudioPace::Fast : vrax::AudioPace::Realtime);
+    m_player = std::make_unique<vrax::DevicePlayer>(m_options.audioOut, m_options.pace);
     m_events = std::make_unique<DeviceEvents>(m_platform.get(), m_player.get(), m_options.pace, &m_hub);
     m_logTail = log4cplus::SharedAppenderPtr(new LogTail(&m_hub));
     log4cplus::Logger::getRoot().addAppender(m_logTail);

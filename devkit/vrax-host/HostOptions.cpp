@@ -50,38 +50,20 @@ bool HostOptions::parse(const QStringList& arguments, HostOptions* options, QStr
             return false;
         }
     }
-    if (parser.isSet(audioOut)) {
-        const QString out = parser.value(audioOut);
-        if (out == QLatin1String("null")) {
-            result.audioOut = AudioOut::Null;
-        } else if (out.startsWith(QLatin1String("wav:")) && out.size() > 4) {
-            result.audioOut = AudioOut::Wav;
-            result.audioTarget = out.mid(4);
-        } else if (out == QLatin1String("alsa") || out.startsWith(QLatin1String("alsa:"))) {
-            result.audioOut = AudioOut::Alsa;
-            result.audioTarget = out == QLatin1String("alsa") ? QStringLiteral("default") : out.mid(5);
-        } else {
-            *error = QStringLiteral("--audio-out takes wav:FILE, null or alsa[:DEVICE], not '%1'").arg(out);
-            return false;
-        }
+    if (parser.isSet(audioOut) && !vrax::AudioOutput::parse(parser.value(audioOut).toStdString(), &result.audioOut)) {
+        *error = QStringLiteral("--audio-out takes wav:FILE, null or alsa[:DEVICE], not '%1'").arg(parser.value(audioOut));
+        return false;
     }
-    if (parser.isSet(pace)) {
-        const QString value = parser.value(pace);
-        if (value == QLatin1String("realtime")) {
-            result.pace = Pace::Realtime;
-        } else if (value == QLatin1String("fast")) {
-            result.pace = Pace::Fast;
-        } else {
-            *error = QStringLiteral("--pace takes realtime or fast, not '%1'").arg(value);
-            return false;
-        }
+    if (parser.isSet(pace) && !vrax::AudioPipeline::parsePace(parser.value(pace).toStdString(), &result.pace)) {
+        *error = QStringLiteral("--pace takes realtime or fast, not '%1'").arg(parser.value(pace));
+        return false;
     }
     // Paths are taken relative to where the host was started, before it moves into its data directory.
     for (QString* path : {&result.modulePath, &result.settingsFile, &result.logConfig, &result.traceFile})
         if (!path->isEmpty())
             *path = QFileInfo(*path).absoluteFilePath();
-    if (result.audioOut == AudioOut::Wav)
-        result.audioTarget = QFileInfo(result.audioTarget).absoluteFilePath();
+    if (result.audioOut.kind == vrax::AudioOutput::Kind::Wav)
+        result.audioOut.target = QFileInfo(QString::fromStdString(result.audioOut.target)).absoluteFilePath().toStdString();
     result.dataDir = QFileInfo(result.dataDir).absoluteFilePath();
     *options = result;
     return true;

@@ -1,21 +1,19 @@
 #pragma once
 
+#include "vrax_audio_pipeline/audiopipeline.h"
+
 #include <QString>
 #include <QStringList>
 
-// vrax-host's command line.
+// vrax-host's command line, read once into the types the emulated platform takes.
 struct HostOptions
 {
-    enum class AudioOut { Wav, Null, Alsa };
-    enum class Pace { Realtime, Fast };
-
     QString modulePath;
     QString dataDir;
     QString settingsFile;        // empty: <data dir>/settings.json, created when missing
     int controlPort = 0;         // 0: a free port
-    AudioOut audioOut = AudioOut::Null;
-    QString audioTarget;         // WAV file or ALSA device
-    Pace pace = Pace::Realtime;
+    vrax::AudioOutput audioOut;  // a WAV file's path is absolute
+    vrax::AudioPace pace = vrax::AudioPace::Realtime;
     QString logConfig;
     QString traceFile;           // empty: no trace
 

@@ -224,6 +224,58 @@ private slots:
         WAIT_VERIFY(pipeline.counters().bytes == 1600);
     }
 
+    // The pipeline's answer to a Hello, byte by byte as docs/smt2.md lays it out.
+    void helloReplyOnTheWire_data()
+    {
+        QTest::addColumn<int>("version");
+        QTest::addColumn<bool>("refuseVersion1");
+        QTest::addColumn<QByteArray>("reply"); // the payload after the 8-byte header
+        const QByteArray accepted = QByteArray::fromHex("01000100" "00000000" "00000000");
+        auto refused = [](const QByteArray& reason) {
+            QByteArray length(4, 0);
+            length[0] = char(reason.size());
+            return QByteArray::fromHex("00000100" "04000000") + length + reason;
+        };
+        QTest::newRow("version 1") << 1 << false << accepted;
+        QTest::newRow("version 2") << 2 << false << refused("protocol version 2 not supported");
+        QTest::newRow("version 1, refused") << 1 << true << refused("protocol version 1 not supported");
+    }
+
+    void helloReplyOnTheWire()
+    {
+        QFETCH(int, version);
+        QFETCH(bool, refuseVersion1);
+        QFETCH(QByteArray, reply);
+        vrax::AudioPipeline pipeline(socket(), vrax::makeNullSink());
+        if (refuseVersion1)
+            pipeline.refuseProtocolVersion(1);
+        QVERIFY(pipeline.start());
+        const sockaddr_un address = unixAddress(socket());
+        const int client = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        QCOMPARE(::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        // Header (16 bytes of payload, type 1, no flags), "SMT2", the version, reserved, "audio".
+        const QByteArray hello = QByteArray::fromHex("10000000" "0100" "0000") + "SMT2" + char(version) + QByteArray(3, 0)
+                                 + QByteArray::fromHex("05000000") + "audio";
+        QCOMPARE(::send(client, hello.constData(), size_t(hello.size()), MSG_NOSIGNAL), ssize_t(hello.size()));
+        QByteArray expected(4, 0);
+        expected[0] = char(reply.size());
+        expected += QByteArray::fromHex("0200" "0000") + reply;
+        QByteArray got;
+        pollfd readable{client, POLLIN, 0};
+        while (got.size() < expected.size() && ::poll(&readable, 1, 10000) == 1) {
+            char buffer[256];
+            const ssize_t length = ::recv(client, buffer, sizeof buffer, 0);
+            if (length <= 0)
+                break;
+            got.append(buffer, int(length));
+        }
+        ::close(client);
+        QCOMPARE(got.toHex(), expected.toHex());
+        // The counters change before the reply goes out.
+        QCOMPARE(pipeline.counters().connections, quint64(reply.startsWith('\x01') ? 1 : 0));
+        QCOMPARE(pipeline.counters().refusedHandshakes, quint64(reply.startsWith('\x01') ? 0 : 1));
+    }
+
     // While the device is paused its sender's audio waits; the Hello of the next sender does not.
     void handshakeWhilePaused()
     {

@@ -75,7 +75,7 @@ QVariantHash published()
 // table itself, as the library's thread would.
 struct Rig
 {
-    explicit Rig(const std::string& sink = "null") : player(sink, vrax::AudioPace::Fast)
+    explicit Rig(const vrax::AudioOutput& sink = {}) : player(sink, vrax::AudioPace::Fast)
     {
         fake::reset();
         bridge.setControlsApi(&fake::controls);
@@ -136,7 +136,7 @@ struct PlayingRig
     explicit PlayingRig(const QByteArray& modes)
         : platform({{QStringLiteral("settings/orvello/token"), QStringLiteral("paired")}})
         , wav(platform.dir() + QStringLiteral("/out.wav"))
-        , player("wav:" + wav.toStdString(), vrax::AudioPace::Fast)
+        , player({vrax::AudioOutput::Kind::Wav, wav.toStdString()}, vrax::AudioPace::Fast)
     {
         oplayertest::placeLibrary(QStringLiteral(FAKE_PLAYING), oplayertest::kInstalledPath);
         qputenv("ORVELLO_FAKE_MODES", modes);

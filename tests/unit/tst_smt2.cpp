@@ -5,6 +5,12 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
 #include <thread>
 
 namespace {
@@ -23,6 +29,39 @@ int result(const smt2::Future<smt2::ErrorID>& f)
 constexpr int code(smt2::ErrorID id)
 {
     return int(id);
+}
+
+// A whole message as docs/smt2.md lays it out, written byte by byte: u32 payload length, u16
+// type, u16 flags 0, then the payload; every integer little-endian.
+QByteArray le(quint64 value, int bytes)
+{
+    QByteArray out;
+    for (int i = 0; i < bytes; ++i)
+        out += char((value >> (8 * i)) & 0xff);
+    return out;
+}
+QByteArray message(quint16 type, const QByteArray& payload)
+{
+    return le(quint64(payload.size()), 4) + le(type, 2) + le(0, 2) + payload;
+}
+QByteArray helloReply(quint8 accepted, quint16 version, quint32 error, const QByteArray& reason)
+{
+    return message(2, le(accepted, 1) + le(0, 1) + le(version, 2) + le(error, 4) + le(quint64(reason.size()), 4) + reason);
+}
+
+// Reads exactly n bytes from fd within 10 s; fewer when the peer stops sending.
+QByteArray readExactly(int fd, int n)
+{
+    QByteArray got;
+    pollfd readable{fd, POLLIN, 0};
+    while (got.size() < n && ::poll(&readable, 1, 10000) == 1) {
+        char buffer[256];
+        const ssize_t length = ::read(fd, buffer, size_t(std::min<int>(n - got.size(), sizeof buffer)));
+        if (length <= 0)
+            break;
+        got.append(buffer, int(length));
+    }
+    return got;
 }
 
 } // namespace
@@ -147,6 +186,53 @@ private slots:
         WAIT_VERIFY(client.sender.state() == smt2::Sender::Disconnected);
         QCOMPARE(pipeline.counters().refusedHandshakes, quint64(listening ? 1 : 0));
         QCOMPARE(pipeline.counters().connections, quint64(0));
+    }
+
+    // The handshake on the wire against a receiver written here byte by byte: what the sender
+    // says first, and what it makes of each answer.
+    void handshakeOnTheWire_data()
+    {
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<int>("expected");
+        QTest::addColumn<QStringList>("handshakeFailures");
+        const int failed = code(smt2::ErrorID::HandshakeFailed);
+        QByteArray cutShort = helloReply(1, 1, 0, "reason");
+        cutShort[0] = char(cutShort[0] - 2); // the reason's last two bytes fall outside the payload
+        cutShort.chop(2);
+        QTest::newRow("accepted") << helloReply(1, 1, 0, "") << code(smt2::ErrorID::Success) << QStringList();
+        QTest::newRow("refused") << helloReply(0, 1, 4, "busy") << failed << QStringList{"busy"};
+        QTest::newRow("accepted by another version") << helloReply(1, 2, 0, "") << failed << QStringList{""};
+        QTest::newRow("reason cut short") << cutShort << failed << QStringList{"malformed reply"};
+        QTest::newRow("too short") << message(2, QByteArray("\x01\x00", 2)) << failed << QStringList{"malformed reply"};
+    }
+
+    void handshakeOnTheWire()
+    {
+        QFETCH(QByteArray, reply);
+        QFETCH(int, expected);
+        QFETCH(QStringList, handshakeFailures);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, socket().c_str(), sizeof address.sun_path - 1);
+        const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ::unlink(socket().c_str()); // left by an earlier case
+        QVERIFY(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
+        QVERIFY(::listen(listener, 1) == 0);
+        Smt2Client client(socket());
+        auto connected = client.sender.connect();
+        pollfd acceptable{listener, POLLIN, 0};
+        QCOMPARE(::poll(&acceptable, 1, 10000), 1);
+        const int receiver = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        ::close(listener);
+        QVERIFY(receiver >= 0);
+        const QByteArray hello = message(1, QByteArray("SMT2") + le(1, 2) + le(0, 2) + le(5, 4) + "audio");
+        const QByteArray said = readExactly(receiver, hello.size());
+        QCOMPARE(said.toHex(), hello.toHex());
+        QCOMPARE(::write(receiver, reply.constData(), size_t(reply.size())), ssize_t(reply.size()));
+        QCOMPARE(result(connected), expected);
+        QCOMPARE(client.failures(), handshakeFailures);
+        ::close(receiver);
+        WAIT_VERIFY(client.sender.state() == smt2::Sender::Disconnected);
     }
 
     void backPressure()

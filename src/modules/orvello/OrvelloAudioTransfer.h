@@ -17,8 +17,8 @@
 // Carries the player library's PCM to the platform's audio pipeline over smt2 on the Unix
 // socket in the scratch directory (ScratchDirectory::socketAddress(), read at construction:
 // "/tmp/orvello/smt2socketaddress" unless the worker chose a private directory). Keeps no audio
-// of its own: processData sends at most one chunk straight from the caller's memory and
-// answers how much it accepted.
+// of its own: processData hands the sender at most one chunk, which the sender copies into one
+// buffer of its pool before the call returns, and answers how much it accepted.
 //
 // Threads: construction, connect(), close() and destruction on the play logic's thread;
 // setStreamFormat, processData, flush and sendStreamEnd on the player library's audio

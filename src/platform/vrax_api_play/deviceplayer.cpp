@@ -50,8 +50,8 @@ private:
 };
 } // namespace
 
-DevicePlayer::DevicePlayer(const std::string& sinkSpec, AudioPace pace)
-    : m_sinkSpec(sinkSpec), m_pace(pace)
+DevicePlayer::DevicePlayer(const AudioOutput& output, AudioPace pace)
+    : m_output(std::make_unique<AudioOutput>(output)), m_pace(pace)
 {
     VRAX_ASSERT(s_instance == nullptr);
     s_instance = this;
@@ -125,7 +125,7 @@ bool DevicePlayer::ensurePipeline(const std::string& socketPath, QString* error)
     if (!m_pipeline || m_pipeline->socketPath() != socketPath) {
         std::string why;
         if (!m_sink)
-            m_sink = makeAudioSink(m_sinkSpec, &why);
+            m_sink = makeAudioSink(*m_output, &why);
         if (!m_sink) {
             *error = QString::fromStdString(why);
             return false;

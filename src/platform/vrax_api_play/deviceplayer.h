@@ -14,6 +14,7 @@ namespace vrax {
 class AudioPipeline;
 class AudioSink;
 enum class AudioPace;
+struct AudioOutput;
 
 // The device's player: plays roles through the play logic named in their metadata, one play
 // logic at a time, and feeds the audio pipeline's events (audio, format, play clock) back into
@@ -22,9 +23,9 @@ class DevicePlayer : public PlayLogicInterface
 {
     Q_OBJECT
 public:
-    // sinkSpec: where the pipeline's audio goes ("wav:FILE", "null", "alsa[:DEVICE]"); checked
-    // when a stream is opened. One player exists at a time.
-    DevicePlayer(const std::string& sinkSpec, AudioPace pace);
+    // output: where the pipeline's audio goes; its sink is made when a stream is opened (so an
+    // output this build cannot make fails the play). One player exists at a time.
+    DevicePlayer(const AudioOutput& output, AudioPace pace);
     ~DevicePlayer() override;
 
     static DevicePlayer* instance();
@@ -59,7 +60,7 @@ private:
     void onAudio();
     void onClock();
 
-    std::string m_sinkSpec;
+    std::unique_ptr<AudioOutput> m_output;
     AudioPace m_pace;
     std::string m_traceFile;
     // Made at the first stream, then lent to every pipeline.

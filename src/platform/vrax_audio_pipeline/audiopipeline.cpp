@@ -39,8 +39,6 @@ constexpr auto kRealtimeLead = std::chrono::milliseconds(100);
 // Audio that arrives later than this after the buffer ran dry counts as an underrun.
 constexpr auto kUnderrunSlack = std::chrono::milliseconds(20);
 
-enum MessageType : std::uint16_t { Hello = 1, HelloReply = 2, SequenceInfo = 3, AudioData = 4, Flush = 5, EndOfSequence = 6 };
-
 struct Session
 {
     explicit Session(Socket s) : socket(std::move(s)), timer(socket.get_executor()), handshakeTimer(socket.get_executor()) {}
@@ -173,7 +171,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                              }
                              const smt2::wire::Header h = smt2::wire::readHeader(s->header);
                              // Nothing of a client is buffered before it has said Hello.
-                             if (!s->handshakeDone && h.type != Hello) {
+                             if (!s->handshakeDone && h.type != smt2::wire::Hello) {
                                  self->drop("its first message is of type " + std::to_string(h.type) + ", not a Hello", true);
                                  return;
                              }
@@ -237,7 +235,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
         }
         smt2::wire::Reader r(s.payload.data(), s.payload.size());
         switch (type) {
-        case SequenceInfo: {
+        case smt2::wire::SequenceInfo: {
             const std::string audioType = r.string();
             const miscUtils::VariantHash info = r.hash();
             const audioUtils::PcmAudioInfo pcm = audioUtils::PcmAudioInfo::fromHash(info);
@@ -263,7 +261,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                 hooks.sequenceStarted(pcm);
             return true;
         }
-        case AudioData: {
+        case smt2::wire::AudioData: {
             if (!s.sequenceOpen) {
                 *error = "audio outside a sequence";
                 return false;
@@ -290,7 +288,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
                 hooks.audioArrived(data, size);
             return true;
         }
-        case Flush:
+        case smt2::wire::Flush:
             trace(arrived, "flush");
             sink->flush();
             s.clockStart.reset();
@@ -298,7 +296,7 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
             if (hooks.flushed)
                 hooks.flushed();
             return true;
-        case EndOfSequence:
+        case smt2::wire::EndOfSequence:
             trace(arrived, "end");
             if (s.sequenceOpen)
                 endSequence(s);
@@ -343,23 +341,16 @@ struct AudioPipeline::Private : std::enable_shared_from_this<Private>
 
     bool handshake(Session& s, std::string* error)
     {
-        smt2::wire::Reader r(s.payload.data(), s.payload.size());
-        const std::uint32_t magic = r.u32();
-        const std::uint16_t version = r.u16();
-        if (!r.ok() || magic != smt2::wire::Magic) {
+        std::uint16_t version = 0;
+        if (!smt2::wire::readHelloVersion(s.payload.data(), s.payload.size(), &version)) {
             *error = "not an smt2 sender";
             return false;
         }
         const bool accepted = version == smt2::ProtocolVersion && !refusedVersions.count(version);
         const std::string reason = accepted ? std::string() : "protocol version " + std::to_string(version) + " not supported";
-        s.reply.assign(smt2::wire::HeaderSize, 0);
-        smt2::wire::Writer w(s.reply);
-        w.u8(accepted ? 1 : 0);
-        w.u8(0);
-        w.u16(smt2::ProtocolVersion);
-        w.u32(std::uint32_t(accepted ? smt2::ErrorID::Success : smt2::ErrorID::HandshakeFailed));
-        w.string(reason);
-        smt2::wire::writeHeader(s.reply.data(), std::uint32_t(s.reply.size() - smt2::wire::HeaderSize), HelloReply);
+        s.reply = smt2::wire::helloReplyFrame(
+            {accepted, smt2::ProtocolVersion,
+             std::int32_t(accepted ? smt2::ErrorID::Success : smt2::ErrorID::HandshakeFailed), reason});
         // The counters change before the reply goes out, so a sender that has its answer sees them.
         if (accepted) {
             s.handshakeDone = true;

@@ -258,18 +258,40 @@ std::unique_ptr<AudioSink> makeAlsaSink(const std::string& device)
 #endif
 }
 
+bool AudioOutput::parse(const std::string& text, AudioOutput* output)
+{
+    if (text == "null")
+        *output = {Kind::Null, std::string()};
+    else if (text.rfind("wav:", 0) == 0 && text.size() > 4)
+        *output = {Kind::Wav, text.substr(4)};
+    else if (text == "alsa" || text.rfind("alsa:", 0) == 0)
+        *output = {Kind::Alsa, text.size() > 5 ? text.substr(5) : std::string()};
+    else
+        return false;
+    return true;
+}
+
+std::unique_ptr<AudioSink> makeAudioSink(const AudioOutput& output, std::string* error)
+{
+    switch (output.kind) {
+    case AudioOutput::Kind::Null:
+        return makeNullSink();
+    case AudioOutput::Kind::Wav:
+        return makeWavSink(output.target);
+    case AudioOutput::Kind::Alsa:
+        break;
+    }
+    auto sink = makeAlsaSink(output.target);
+    if (!sink && error)
+        *error = "this build has no ALSA support";
+    return sink;
+}
+
 std::unique_ptr<AudioSink> makeAudioSink(const std::string& output, std::string* error)
 {
-    if (output == "null")
-        return makeNullSink();
-    if (output.rfind("wav:", 0) == 0 && output.size() > 4)
-        return makeWavSink(output.substr(4));
-    if (output == "alsa" || output.rfind("alsa:", 0) == 0) {
-        auto sink = makeAlsaSink(output.size() > 5 ? output.substr(5) : std::string());
-        if (!sink && error)
-            *error = "this build has no ALSA support";
-        return sink;
-    }
+    AudioOutput parsed;
+    if (AudioOutput::parse(output, &parsed))
+        return makeAudioSink(parsed, error);
     if (error)
         *error = "unknown audio output \"" + output + "\" (wav:FILE, null or alsa[:DEVICE])";
     return nullptr;

@@ -44,8 +44,23 @@ std::unique_ptr<AudioSink> makeWavSink(const std::string& path);
 std::unique_ptr<AudioSink> makeAlsaSink(const std::string& device);
 bool alsaAvailable();
 
-// A sink from its command-line form: "wav:FILE", "null" or "alsa[:DEVICE]". Null with the reason
-// in error when the text is not one of these.
+// Where a pipeline's audio goes, read from its command-line form: "null", "wav:FILE" or
+// "alsa[:DEVICE]".
+struct AudioOutput
+{
+    enum class Kind { Null, Wav, Alsa };
+    Kind kind = Kind::Null;
+    std::string target; // the WAV file, or the ALSA device (empty: "default")
+
+    // False, leaving output as it was, when text is none of the three forms ("wav:" without a
+    // file included).
+    static bool parse(const std::string& text, AudioOutput* output);
+};
+
+// The sink output names; null with the reason in error when this build cannot make it (ALSA).
+std::unique_ptr<AudioSink> makeAudioSink(const AudioOutput& output, std::string* error);
+// A sink from its command-line form (AudioOutput::parse). Null with the reason in error when the
+// text is not one of the forms or the sink cannot be made.
 std::unique_ptr<AudioSink> makeAudioSink(const std::string& output, std::string* error);
 
 } // namespace vrax

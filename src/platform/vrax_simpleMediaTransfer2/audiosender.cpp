@@ -12,7 +12,7 @@ Future<ErrorID> AudioSender::setAudioSequenceInfo(std::string type, miscUtils::V
     wire::Writer w(payload);
     w.string(type);
     w.hash(info);
-    return enqueue(SequenceInfo, payload.data(), payload.size());
+    return enqueue(wire::SequenceInfo, payload.data(), payload.size());
 }
 
 Future<ErrorID> AudioSender::sendAudioData(unsigned long presentationTime, unsigned long duration,
@@ -25,17 +25,17 @@ Future<ErrorID> AudioSender::sendAudioData(unsigned long presentationTime, unsig
     wire::Writer w(head);
     w.u64(presentationTime);
     w.u64(duration);
-    return enqueue(AudioData, head.data(), head.size(), data.data(), data.size());
+    return enqueue(wire::AudioData, head.data(), head.size(), data.data(), data.size());
 }
 
 Future<ErrorID> AudioSender::sendFlush()
 {
-    return enqueue(Flush, nullptr, 0);
+    return enqueue(wire::Flush, nullptr, 0);
 }
 
 Future<ErrorID> AudioSender::endCurrentAudioSequence()
 {
-    return enqueue(EndOfSequence, nullptr, 0);
+    return enqueue(wire::EndOfSequence, nullptr, 0);
 }
 
 } // namespace smt2

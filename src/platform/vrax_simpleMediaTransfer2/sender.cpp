@@ -97,13 +97,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
                                   if (gen == self->generation)
                                       self->teardown(reason);
                               });
-        helloFrame.assign(wire::HeaderSize, 0);
-        wire::Writer w(helloFrame);
-        w.u32(wire::Magic);
-        w.u16(ProtocolVersion);
-        w.u16(0);
-        w.string("audio");
-        wire::writeHeader(helloFrame.data(), std::uint32_t(helloFrame.size() - wire::HeaderSize), Hello);
+        helloFrame = wire::helloFrame({ProtocolVersion, "audio"});
         writing = true;
         channel->write(helloFrame.data(), helloFrame.size(), [self, gen](ErrorID result) {
             if (gen != self->generation)
@@ -129,7 +123,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
             std::vector<std::uint8_t> payload(incoming.begin() + wire::HeaderSize,
                                               incoming.begin() + wire::HeaderSize + header.payloadSize);
             incoming.erase(incoming.begin(), incoming.begin() + wire::HeaderSize + header.payloadSize);
-            if (header.type == HelloReply && state.load() == Handshaking)
+            if (header.type == wire::HelloReply && state.load() == Handshaking)
                 handshakeReply(gen, payload);
             else
                 LOG4CPLUS_DEBUG(logger, "Ignoring message of type " << header.type);
@@ -138,13 +132,9 @@ struct Sender::Private : std::enable_shared_from_this<Private>
 
     void handshakeReply(unsigned gen, const std::vector<std::uint8_t>& payload)
     {
-        wire::Reader r(payload.data(), payload.size());
-        const bool accepted = r.u8() != 0;
-        r.u8();
-        const std::uint16_t receiverVersion = r.u16();
-        const std::int32_t errorId = std::int32_t(r.u32());
-        const std::string reason = r.string();
-        if (r.ok() && accepted && receiverVersion == ProtocolVersion) {
+        wire::HelloReplyPayload reply;
+        const bool wellFormed = wire::readHelloReply(payload.data(), payload.size(), &reply);
+        if (wellFormed && reply.accepted && reply.version == ProtocolVersion) {
             setState(Streaming);
             if (gen != generation)
                 return;
@@ -157,13 +147,14 @@ struct Sender::Private : std::enable_shared_from_this<Private>
                 pump();
             return;
         }
-        LOG4CPLUS_DEBUG(logger, "Handshake refused: " << (r.ok() ? reason : std::string("malformed reply")));
+        const std::string reason = wellFormed ? reply.reason : std::string("malformed reply");
+        LOG4CPLUS_DEBUG(logger, "Handshake refused: " << reason);
         auto promise = std::move(connecting);
         connecting.reset();
         Error error{ErrorID::HandshakeFailed,
-                    miscUtils::VariantHash{{"reason", r.ok() ? reason : std::string("malformed reply")},
-                                           {"receiverVersion", int(receiverVersion)},
-                                           {"receiverError", int(errorId)}}};
+                    miscUtils::VariantHash{{"reason", reason},
+                                           {"receiverVersion", int(reply.version)},
+                                           {"receiverError", int(reply.error)}}};
         if (handshakeHandler)
             handshakeHandler(error);
         if (promise)
@@ -194,7 +185,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
         if (inFlight)
             inFlight->done.setValue(reason);
         for (Outgoing& item : pending) {
-            if (item.type == SequenceInfo) {
+            if (item.type == wire::SequenceInfo) {
                 sequenceInfoFrame = std::move(item.small);
                 item.done.setValue(ErrorID::Success);
             } else {
@@ -217,7 +208,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
             }
             const bool streaming = state.load() == Streaming;
             switch (item.type) {
-            case SequenceInfo:
+            case wire::SequenceInfo:
                 sequenceInfoFrame = item.small;
                 sequenceOpen = false;
                 if (!streaming) {
@@ -225,7 +216,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
                     continue;
                 }
                 break;
-            case AudioData:
+            case wire::AudioData:
                 if (!streaming) {
                     item.done.setValue(ErrorID::NotConnected);
                     continue;
@@ -235,7 +226,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
                     continue;
                 }
                 break;
-            case EndOfSequence:
+            case wire::EndOfSequence:
                 if (streaming && !sequenceOpen) {
                     item.done.setValue(ErrorID::Success); // nothing was sent since the last end
                     continue;
@@ -258,7 +249,7 @@ struct Sender::Private : std::enable_shared_from_this<Private>
         auto self = shared_from_this();
         writing = true;
         current = std::move(item);
-        if (current->type == AudioData && !sequenceOpen) {
+        if (current->type == wire::AudioData && !sequenceOpen) {
             // A sequence starts with its info; the info frame is not touched while written.
             sequenceOpen = true;
             channel->write(sequenceInfoFrame.data(), sequenceInfoFrame.size(), [self, gen](ErrorID result) {
@@ -272,9 +263,9 @@ struct Sender::Private : std::enable_shared_from_this<Private>
             });
             return;
         }
-        if (current->type == SequenceInfo)
+        if (current->type == wire::SequenceInfo)
             sequenceOpen = true;
-        if (current->type == EndOfSequence)
+        if (current->type == wire::EndOfSequence)
             sequenceOpen = false;
         writeCurrent(gen);
     }
@@ -359,7 +350,7 @@ void Sender::disconnect()
     d->channel->ioEventLoop().runSync([p = d] { p->teardown(ErrorID::Disconnected); });
 }
 
-Future<ErrorID> Sender::enqueue(MessageType type, const std::uint8_t* head, std::size_t headSize,
+Future<ErrorID> Sender::enqueue(std::uint16_t type, const std::uint8_t* head, std::size_t headSize,
                                 const std::uint8_t* body, std::size_t bodySize)
 {
     if (!d->channel)
@@ -370,7 +361,7 @@ Future<ErrorID> Sender::enqueue(MessageType type, const std::uint8_t* head, std:
     Outgoing item;
     item.type = type;
     std::uint8_t* out;
-    if (type == AudioData) {
+    if (type == wire::AudioData) {
         item.pooled = d->pool->acquire(wire::HeaderSize + payloadSize);
         if (!item.pooled)
             return Future<ErrorID>::ready(ErrorID::NoBufferAvailable);

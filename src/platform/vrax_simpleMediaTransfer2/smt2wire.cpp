@@ -1,6 +1,7 @@
 #include "smt2wire.h"
 
 #include <cstring>
+#include <functional>
 
 namespace smt2::wire {
 
@@ -195,6 +196,57 @@ Header readHeader(const std::uint8_t* in)
     h.type = r.u16();
     h.flags = r.u16();
     return h;
+}
+
+namespace {
+std::vector<std::uint8_t> framed(MessageType type, const std::function<void(Writer&)>& payload)
+{
+    std::vector<std::uint8_t> frame(HeaderSize, 0);
+    Writer w(frame);
+    payload(w);
+    writeHeader(frame.data(), std::uint32_t(frame.size() - HeaderSize), type);
+    return frame;
+}
+} // namespace
+
+std::vector<std::uint8_t> helloFrame(const HelloPayload& hello)
+{
+    return framed(Hello, [&](Writer& w) {
+        w.u32(Magic);
+        w.u16(hello.version);
+        w.u16(0);
+        w.string(hello.role);
+    });
+}
+
+bool readHelloVersion(const std::uint8_t* payload, std::size_t size, std::uint16_t* version)
+{
+    Reader r(payload, size);
+    const std::uint32_t magic = r.u32();
+    *version = r.u16();
+    return r.ok() && magic == Magic;
+}
+
+std::vector<std::uint8_t> helloReplyFrame(const HelloReplyPayload& reply)
+{
+    return framed(HelloReply, [&](Writer& w) {
+        w.u8(reply.accepted ? 1 : 0);
+        w.u8(0);
+        w.u16(reply.version);
+        w.u32(std::uint32_t(reply.error));
+        w.string(reply.reason);
+    });
+}
+
+bool readHelloReply(const std::uint8_t* payload, std::size_t size, HelloReplyPayload* reply)
+{
+    Reader r(payload, size);
+    reply->accepted = r.u8() != 0;
+    r.u8();
+    reply->version = r.u16();
+    reply->error = std::int32_t(r.u32());
+    reply->reason = r.string();
+    return r.ok();
 }
 
 } // namespace smt2::wire

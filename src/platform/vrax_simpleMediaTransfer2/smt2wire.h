@@ -1,7 +1,9 @@
 #pragma once
 
-// Framing and value encoding of the smt2 wire protocol (docs/smt2.md), shared by the sender
-// and the receiving end of the desktop platform. All integers are little-endian.
+// The smt2 wire protocol (docs/smt2.md) as both ends of the desktop platform speak it: the
+// message types, framing, value encoding and the handshake's two messages. The sender and the
+// audio pipeline use nothing else, so one change here changes both ends. All integers are
+// little-endian.
 #include "miscUtils/variant.h"
 
 #include <cstddef>
@@ -18,6 +20,16 @@ inline constexpr std::size_t AudioDataHeadSize = 16;  // two u64 time values
 // A Hello is magic, version, reserved and a role string; roles are short words ("audio").
 inline constexpr std::size_t MaxHelloRoleSize = 64;
 inline constexpr std::uint32_t MaxHelloPayload = 4 + 2 + 2 + 4 + MaxHelloRoleSize;
+
+// The type field of a message's header.
+enum MessageType : std::uint16_t {
+    Hello = 1,
+    HelloReply = 2,
+    SequenceInfo = 3,
+    AudioData = 4,
+    Flush = 5,
+    EndOfSequence = 6,
+};
 
 struct Header
 {
@@ -75,5 +87,32 @@ private:
 
 void writeHeader(std::uint8_t* out, std::uint32_t payloadSize, std::uint16_t type);
 Header readHeader(const std::uint8_t* in);
+
+// What a sender says first: the protocol version it speaks and its role.
+struct HelloPayload
+{
+    std::uint16_t version = 0;
+    std::string role;
+};
+// The receiver's answer to a Hello. error is an smt2::ErrorID value: 0 when accepted.
+struct HelloReplyPayload
+{
+    bool accepted = false;
+    std::uint16_t version = 0;
+    std::int32_t error = 0;
+    std::string reason;
+};
+
+// A whole Hello message, header included.
+std::vector<std::uint8_t> helloFrame(const HelloPayload& hello);
+// The version a Hello payload offers; false when the payload does not start with the magic and a
+// version. The rest (reserved field, role) is not read: the receiver serves any role.
+bool readHelloVersion(const std::uint8_t* payload, std::size_t size, std::uint16_t* version);
+
+// A whole HelloReply message, header included.
+std::vector<std::uint8_t> helloReplyFrame(const HelloReplyPayload& reply);
+// Reads a HelloReply payload into reply; false when it is malformed (too short, or a reason that
+// runs past its end). reply keeps what was read before the fault.
+bool readHelloReply(const std::uint8_t* payload, std::size_t size, HelloReplyPayload* reply);
 
 } // namespace smt2::wire

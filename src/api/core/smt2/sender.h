@@ -41,26 +41,19 @@ public:
     // Connects and shakes hands. Completes with Success once Streaming is reached (after the
     // state handler reported it), or with the reason it failed.
     Future<ErrorID> connect();
-    // Closes the connection; pending operations complete with Disconnected. Returns once the
-    // state is Disconnected (called on the loop thread: at once).
+    // Closes the connection: the message being written completes with Disconnected, queued ones
+    // with NotConnected (a queued sequence info is kept, with Success). Returns once the state is
+    // Disconnected (called on the loop thread: at once).
     void disconnect();
 
     // The current state; thread-safe.
     State state() const;
 
 protected:
-    // The message types of the wire protocol (see docs/smt2.md).
-    enum MessageType : std::uint16_t {
-        Hello = 1,
-        HelloReply = 2,
-        SequenceInfo = 3,
-        AudioData = 4,
-        Flush = 5,
-        EndOfSequence = 6,
-    };
-    // Queues a message with the given payload, copied once into a pool buffer. The future
-    // completes once the message is in the socket.
-    Future<ErrorID> enqueue(MessageType type, const std::uint8_t* head, std::size_t headSize,
+    // Queues a message of the wire protocol's type (docs/smt2.md) with the given payload: an
+    // audio message is copied once into a pool buffer, any other into a buffer of its own. The
+    // future completes once the message is in the socket.
+    Future<ErrorID> enqueue(std::uint16_t type, const std::uint8_t* head, std::size_t headSize,
                             const std::uint8_t* body = nullptr, std::size_t bodySize = 0);
 
 private:

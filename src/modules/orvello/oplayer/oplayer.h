@@ -129,80 +129,86 @@ typedef struct oplayer_api {
     const oplayer_pairing_api* (*pairing_api)(void);
 } oplayer_api;
 
+/*
+ * The fixed layout, written once: both the compile-time checks below and the run-time table of
+ * oplayer_layout.h are made from this list.
+ *   INT(type, field, offset, width)  an integer field: where it starts and its width in bytes
+ *   PTR(type, field, offset)         a pointer field: where it starts
+ *   SIZE(type, size)                 the whole record's size
+ */
+#define OPLAYER_LAYOUT(INT, PTR, SIZE)                        \
+    INT(oplayer_create_params, init_tag, 0, 4)                \
+    PTR(oplayer_create_params, audio_api, 8)                  \
+    INT(oplayer_create_params, max_bandwidth_kbps, 16, 4)     \
+    PTR(oplayer_create_params, cache_dir, 24)                 \
+    INT(oplayer_create_params, cache_max_mb, 32, 4)           \
+    INT(oplayer_create_params, cache_remain_mb, 36, 4)        \
+    INT(oplayer_create_params, output_channels, 40, 4)        \
+    INT(oplayer_create_params, output_sample_rate, 44, 4)     \
+    PTR(oplayer_create_params, serial_number, 48)             \
+    PTR(oplayer_create_params, product_name, 56)              \
+    PTR(oplayer_create_params, vendor_secret, 64)             \
+    PTR(oplayer_create_params, client_version, 72)            \
+    INT(oplayer_create_params, option_a, 80, 1)               \
+    INT(oplayer_create_params, option_b, 81, 1)               \
+    INT(oplayer_create_params, disable_cache, 82, 1)          \
+    PTR(oplayer_create_params, load_token, 88)                \
+    PTR(oplayer_create_params, save_token, 96)                \
+    SIZE(oplayer_create_params, 104)                          \
+    PTR(oplayer_api, create, 8)                               \
+    PTR(oplayer_api, destroy, 16)                             \
+    PTR(oplayer_api, get_version, 24)                         \
+    PTR(oplayer_api, run_once, 32)                            \
+    PTR(oplayer_api, request_exit, 40)                        \
+    PTR(oplayer_api, controls_api, 56)                        \
+    PTR(oplayer_api, metadata_api, 64)                        \
+    PTR(oplayer_api, pairing_api, 72)                         \
+    SIZE(oplayer_api, 80)                                     \
+    PTR(oplayer_pairing_api, start, 8)                        \
+    PTR(oplayer_pairing_api, poll, 16)                        \
+    PTR(oplayer_pairing_api, release, 24)                     \
+    SIZE(oplayer_pairing_api, 32)                             \
+    INT(oplayer_pairing_result, success, 0, 4)                \
+    PTR(oplayer_pairing_result, message, 8)                   \
+    PTR(oplayer_pairing_result, device_id, 16)                \
+    SIZE(oplayer_pairing_result, 24)                          \
+    PTR(oplayer_audio_api, init, 0)                           \
+    PTR(oplayer_audio_api, shutdown, 8)                       \
+    PTR(oplayer_audio_api, flush, 16)                         \
+    PTR(oplayer_audio_api, data, 24)                          \
+    PTR(oplayer_audio_api, pause_changed, 32)                 \
+    PTR(oplayer_audio_api, volume_changed, 40)                \
+    PTR(oplayer_audio_api, user, 48)                          \
+    SIZE(oplayer_audio_api, 56)                               \
+    PTR(oplayer_controls_api, has_new_data, 8)                \
+    PTR(oplayer_controls_api, pause, 16)                      \
+    PTR(oplayer_controls_api, resume, 24)                     \
+    PTR(oplayer_controls_api, skip, 32)                       \
+    PTR(oplayer_controls_api, get_volume, 40)                 \
+    PTR(oplayer_controls_api, set_volume, 48)                 \
+    PTR(oplayer_controls_api, is_paused, 56)                  \
+    SIZE(oplayer_controls_api, 64)                            \
+    PTR(oplayer_metadata_api, get_current, 16)                \
+    PTR(oplayer_metadata_api, release, 40)                    \
+    SIZE(oplayer_metadata_api, 48)                            \
+    PTR(oplayer_track_metadata, title, 0)                     \
+    PTR(oplayer_track_metadata, album, 8)                     \
+    PTR(oplayer_track_metadata, artists, 16)                  \
+    INT(oplayer_track_metadata, artist_count, 32, 4)          \
+    INT(oplayer_track_metadata, duration, 36, 4)              \
+    INT(oplayer_track_metadata, position, 40, 4)              \
+    PTR(oplayer_track_metadata, image, 48)                    \
+    SIZE(oplayer_track_metadata, 56)
+
 #define OPLAYER_CHECK_OFFSET(type, field, offset) \
-    OPLAYER_STATIC_ASSERT(offsetof(type, field) == (offset), #type "." #field " must be at offset " #offset)
+    OPLAYER_STATIC_ASSERT(offsetof(type, field) == (offset), #type "." #field " must be at offset " #offset);
+#define OPLAYER_CHECK_INT(type, field, offset, width)  \
+    OPLAYER_CHECK_OFFSET(type, field, offset)          \
+    OPLAYER_STATIC_ASSERT(sizeof(((type*)0)->field) == (width), #type "." #field " must be " #width " bytes wide");
 #define OPLAYER_CHECK_SIZE(type, size) \
-    OPLAYER_STATIC_ASSERT(sizeof(type) == (size), "sizeof(" #type ") must be " #size)
+    OPLAYER_STATIC_ASSERT(sizeof(type) == (size), "sizeof(" #type ") must be " #size);
 
-OPLAYER_CHECK_OFFSET(oplayer_create_params, init_tag, 0);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, audio_api, 8);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, max_bandwidth_kbps, 16);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, cache_dir, 24);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, cache_max_mb, 32);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, cache_remain_mb, 36);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, output_channels, 40);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, output_sample_rate, 44);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, serial_number, 48);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, product_name, 56);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, vendor_secret, 64);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, client_version, 72);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, option_a, 80);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, option_b, 81);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, disable_cache, 82);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, load_token, 88);
-OPLAYER_CHECK_OFFSET(oplayer_create_params, save_token, 96);
-OPLAYER_CHECK_SIZE(oplayer_create_params, 104);
-
-OPLAYER_CHECK_OFFSET(oplayer_api, create, 8);
-OPLAYER_CHECK_OFFSET(oplayer_api, destroy, 16);
-OPLAYER_CHECK_OFFSET(oplayer_api, get_version, 24);
-OPLAYER_CHECK_OFFSET(oplayer_api, run_once, 32);
-OPLAYER_CHECK_OFFSET(oplayer_api, request_exit, 40);
-OPLAYER_CHECK_OFFSET(oplayer_api, controls_api, 56);
-OPLAYER_CHECK_OFFSET(oplayer_api, metadata_api, 64);
-OPLAYER_CHECK_OFFSET(oplayer_api, pairing_api, 72);
-OPLAYER_CHECK_SIZE(oplayer_api, 80);
-
-OPLAYER_CHECK_OFFSET(oplayer_pairing_api, start, 8);
-OPLAYER_CHECK_OFFSET(oplayer_pairing_api, poll, 16);
-OPLAYER_CHECK_OFFSET(oplayer_pairing_api, release, 24);
-OPLAYER_CHECK_SIZE(oplayer_pairing_api, 32);
-
-OPLAYER_CHECK_OFFSET(oplayer_pairing_result, success, 0);
-OPLAYER_CHECK_OFFSET(oplayer_pairing_result, message, 8);
-OPLAYER_CHECK_OFFSET(oplayer_pairing_result, device_id, 16);
-OPLAYER_CHECK_SIZE(oplayer_pairing_result, 24);
-
-OPLAYER_CHECK_OFFSET(oplayer_audio_api, init, 0);
-OPLAYER_CHECK_OFFSET(oplayer_audio_api, shutdown, 8);
-OPLAYER_CHECK_OFFSET(oplayer_audio_api, flush, 16);
-OPLAYER_CHECK_OFFSET(oplayer_audio_api, data, 24);
-OPLAYER_CHECK_OFFSET(oplayer_audio_api, pause_changed, 32);
-OPLAYER_CHECK_OFFSET(oplayer_audio_api, volume_changed, 40);
-OPLAYER_CHECK_OFFSET(oplayer_audio_api, user, 48);
-OPLAYER_CHECK_SIZE(oplayer_audio_api, 56);
-
-OPLAYER_CHECK_OFFSET(oplayer_controls_api, has_new_data, 8);
-OPLAYER_CHECK_OFFSET(oplayer_controls_api, pause, 16);
-OPLAYER_CHECK_OFFSET(oplayer_controls_api, resume, 24);
-OPLAYER_CHECK_OFFSET(oplayer_controls_api, skip, 32);
-OPLAYER_CHECK_OFFSET(oplayer_controls_api, get_volume, 40);
-OPLAYER_CHECK_OFFSET(oplayer_controls_api, set_volume, 48);
-OPLAYER_CHECK_OFFSET(oplayer_controls_api, is_paused, 56);
-OPLAYER_CHECK_SIZE(oplayer_controls_api, 64);
-
-OPLAYER_CHECK_OFFSET(oplayer_metadata_api, get_current, 16);
-OPLAYER_CHECK_OFFSET(oplayer_metadata_api, release, 40);
-OPLAYER_CHECK_SIZE(oplayer_metadata_api, 48);
-
-OPLAYER_CHECK_OFFSET(oplayer_track_metadata, title, 0);
-OPLAYER_CHECK_OFFSET(oplayer_track_metadata, album, 8);
-OPLAYER_CHECK_OFFSET(oplayer_track_metadata, artists, 16);
-OPLAYER_CHECK_OFFSET(oplayer_track_metadata, artist_count, 32);
-OPLAYER_CHECK_OFFSET(oplayer_track_metadata, duration, 36);
-OPLAYER_CHECK_OFFSET(oplayer_track_metadata, position, 40);
-OPLAYER_CHECK_OFFSET(oplayer_track_metadata, image, 48);
-OPLAYER_CHECK_SIZE(oplayer_track_metadata, 56);
+OPLAYER_LAYOUT(OPLAYER_CHECK_INT, OPLAYER_CHECK_OFFSET, OPLAYER_CHECK_SIZE)
 
 #ifdef __cplusplus
 }
