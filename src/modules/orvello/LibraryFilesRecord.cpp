@@ -1,6 +1,7 @@
 // LibraryFiles: the record of a verified download, as text and on disk.
 #include "LibraryFiles.h"
 #include "LibraryFiles_p.h"
+#include "UpdateSignature.h"
 
 #include <QFile>
 #include <QJsonDocument>
@@ -21,16 +22,6 @@ namespace {
 // Longest record read or written; one is a few hundred bytes, but the version text is the
 // service's.
 constexpr qint64 kMaxRecordSize = 1048576;
-bool isLowercaseHexDigest(const QString& text)
-{
-    if (text.size() != 64)
-        return false;
-    for (const QChar c : text)
-        if (!((c >= QLatin1Char('0') && c <= QLatin1Char('9')) || (c >= QLatin1Char('a') && c <= QLatin1Char('f'))))
-            return false;
-    return true;
-}
-
 const QString kVersionKey = QStringLiteral("version");
 const QString kChecksumKey = QStringLiteral("checksum");
 const QString kSignatureKey = QStringLiteral("signature");
@@ -58,7 +49,7 @@ VerifiedDownload parseRecord(const QByteArray& text)
     const QJsonValue checksum = object.value(kChecksumKey);
     const QJsonValue signature = object.value(kSignatureKey);
     if (!version.isString() || !checksum.isString() || !(signature.isUndefined() || signature.isString())
-        || !isLowercaseHexDigest(checksum.toString()))
+        || !UpdateSignature::isChecksumText(checksum.toString()))
         return VerifiedDownload();
     return VerifiedDownload{version.toString(), checksum.toString(), signature.toString()};
 }

@@ -48,18 +48,6 @@ QString versionProblem(const QString& version)
     return QString();
 }
 
-bool isHexDigest(const QString& text)
-{
-    if (text.size() != 64)
-        return false;
-    for (const QChar c : text) {
-        const ushort u = c.unicode();
-        if (!((u >= '0' && u <= '9') || (u >= 'a' && u <= 'f') || (u >= 'A' && u <= 'F')))
-            return false;
-    }
-    return true;
-}
-
 // Remote text for an error line: escaped, and cut where it would swamp the log.
 QString shortened(const QString& text)
 {
@@ -291,7 +279,7 @@ bool OrvelloUpdater::acceptable(const VraxOrvelloVersionInfo& info) const
                                     << problem << "); checking again at the next interval");
         return false;
     }
-    if (m_signature.hasKey() && !isHexDigest(info.checksum())) {
+    if (m_signature.hasKey() && !UpdateSignature::isChecksumText(info.checksum().toLower())) {
         LOG4CPLUS_ERROR(logger, "Refusing the config JSON of version "
                                     << version << ": its checksum \"" << shortened(info.checksum())
                                     << "\" is not 64 hexadecimal digits; checking again at the next interval");

@@ -17,7 +17,9 @@ struct MdCtxFree
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-bool isLowercaseHexDigest(const QString& text)
+} // namespace
+
+bool UpdateSignature::isChecksumText(const QString& text)
 {
     if (text.size() != 64)
         return false;
@@ -26,8 +28,6 @@ bool isLowercaseHexDigest(const QString& text)
             return false;
     return true;
 }
-
-} // namespace
 
 UpdateSignature UpdateSignature::builtIn()
 {
@@ -55,7 +55,7 @@ QString UpdateSignature::problem(const QString& version, const QString& checksum
             .arg(decoded.decoded.size())
             .arg(SignatureBytes);
     // The signed text holds the checksum as lowercase hex; any other spelling is another text.
-    if (!isLowercaseHexDigest(checksum))
+    if (!isChecksumText(checksum))
         return QStringLiteral(
             "the checksum is not 64 lowercase hexadecimal digits, which is what the signature covers");
     if (m_key.size() != KeyBytes)

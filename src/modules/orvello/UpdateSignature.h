@@ -23,6 +23,10 @@ public:
     // update key"); empty when it verifies. Without a key nothing verifies.
     QString problem(const QString& version, const QString& checksum, const QString& signature) const;
 
+    // A checksum as the service writes it and the signature covers it: the SHA-256 of the file in
+    // 64 lowercase hexadecimal digits.
+    static bool isChecksumText(const QString& text);
+
     static constexpr int KeyBytes = 32;
     static constexpr int SignatureBytes = 64;
 
