@@ -1,5 +1,9 @@
 # Warnings and sanitizers shared by every target of the project.
 add_compile_options(-Wall -Wextra)
+# __FILE__ (log locations, asserts) names a file of the tree, not the machine that built it:
+# an installed binary does not carry the builder's directories. The build tree is inside the
+# source tree, so its map comes last and wins for generated files.
+add_compile_options("-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" "-fmacro-prefix-map=${CMAKE_BINARY_DIR}/=")
 set(CMAKE_AUTOMOC ON)
 
 if(ORVELLO_SANITIZE STREQUAL "address")
