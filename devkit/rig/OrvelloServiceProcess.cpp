@@ -1,62 +1,39 @@
 #include "OrvelloServiceProcess.h"
 
-#include <QDeadlineTimer>
-#include <QEventLoop>
-#include <QJsonDocument>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
-#include <QRegularExpression>
+#include "Loopback.h"
 
-namespace {
-// Waits for the reply with a nested event loop; the admin endpoints answer at once.
-QByteArray waitForBody(QNetworkReply* reply, int* status)
+#include <QJsonDocument>
+
+OrvelloServiceProcess::OrvelloServiceProcess(const QString& program, const QString& logFile) : m_logFile(logFile)
 {
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    if (!reply->isFinished())
-        loop.exec();
-    *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    const QByteArray body = reply->readAll();
-    reply->deleteLater();
-    return body;
+    m_process.setProgram(program);
 }
-} // namespace
 
 OrvelloServiceProcess::~OrvelloServiceProcess()
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return;
-    m_process.terminate();
-    if (!m_process.waitForFinished(5000)) {
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
+    stop();
+}
+
+QStringList OrvelloServiceProcess::testKeyArguments()
+{
+    return {QStringLiteral("--signing-key"), QStringLiteral(ORVELLO_TEST_SIGNING_KEY), QStringLiteral("--other-signing-key"),
+            QStringLiteral(ORVELLO_OTHER_SIGNING_KEY)};
 }
 
 bool OrvelloServiceProcess::start(const QStringList& arguments, QString* error)
 {
     m_process.setProcessChannelMode(QProcess::SeparateChannels);
-    // Our end of its standard input closes when this process dies, however it dies.
-    m_process.start(QStringLiteral(ORVELLO_SERVICE_BINARY), QStringList(arguments) << QStringLiteral("--stop-on-eof"));
-    if (!m_process.waitForStarted(5000)) {
-        *error = m_process.errorString();
-        return false;
-    }
-    const QDeadlineTimer deadline(10000);
-    while (!m_process.canReadLine() && m_process.state() == QProcess::Running && !deadline.hasExpired())
-        m_process.waitForReadyRead(int(deadline.remainingTime()));
-    const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral("^listening on 127\\.0\\.0\\.1:(\\d+)$")).match(line);
-    if (!match.hasMatch()) {
-        m_process.waitForFinished(1000);
-        *error = QStringLiteral("no listening line; got '%1', stderr: %2")
-                     .arg(line, QString::fromUtf8(m_process.readAllStandardError()));
-        return false;
-    }
-    m_port = match.captured(1).toInt();
-    return true;
+    if (!m_logFile.isEmpty())
+        m_process.setStandardErrorFile(m_logFile);
+    m_process.setArguments(QStringList{QStringLiteral("--stop-on-eof")} + arguments);
+    m_process.start();
+    m_port = readListeningPort(&m_process, QStringLiteral("listening on"), error);
+    if (m_port != 0)
+        return true;
+    if (!m_logFile.isEmpty())
+        *error += QStringLiteral(" (its log: %1)").arg(m_logFile);
+    stop();
+    return false;
 }
 
 QString OrvelloServiceProcess::url(const QString& path) const
@@ -66,21 +43,37 @@ QString OrvelloServiceProcess::url(const QString& path) const
 
 bool OrvelloServiceProcess::setState(const QJsonObject& change, QString* error)
 {
-    QNetworkAccessManager manager;
-    QNetworkRequest request{QUrl(url(QStringLiteral("/admin/state")))};
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
-    int status = 0;
-    const QByteArray body = waitForBody(manager.post(request, QJsonDocument(change).toJson()), &status);
-    if (status != 200 && error)
-        *error = QString::fromUtf8(body);
-    return status == 200;
+    const QByteArray body = QJsonDocument(change).toJson(QJsonDocument::Compact);
+    const LoopbackReply reply = loopbackRequest(m_port, "POST", QStringLiteral("/admin/state"), body);
+    if (reply.status != 200 && error)
+        *error = QStringLiteral("the service refused %1: %2 %3")
+                     .arg(QString::fromUtf8(body))
+                     .arg(reply.status)
+                     .arg(QJsonDocument::fromJson(reply.body).object().value(QStringLiteral("error")).toString());
+    return reply.status == 200;
 }
 
-QJsonArray OrvelloServiceProcess::requests() const
+QJsonArray OrvelloServiceProcess::requests(bool* ok) const
 {
-    QNetworkAccessManager manager;
-    int status = 0;
-    const QByteArray body =
-        waitForBody(manager.get(QNetworkRequest(QUrl(url(QStringLiteral("/admin/requests"))))), &status);
-    return QJsonDocument::fromJson(body).array();
+    const LoopbackReply reply = loopbackRequest(m_port, "GET", QStringLiteral("/admin/requests"), QByteArray());
+    if (ok)
+        *ok = reply.status == 200;
+    return QJsonDocument::fromJson(reply.body).array();
+}
+
+void OrvelloServiceProcess::stop()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.closeWriteChannel();
+    if (!m_process.waitForFinished(5000))
+        kill();
+}
+
+void OrvelloServiceProcess::kill()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.kill();
+    m_process.waitForFinished(5000);
 }
