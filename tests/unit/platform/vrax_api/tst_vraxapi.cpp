@@ -33,7 +33,7 @@ public:
     void onInvoke(const CMSetDataRequest& request) { requests << request; }
 };
 
-class TestPlatformCore : public QObject
+class TestVraxApi : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
@@ -57,7 +57,7 @@ private Q_SLOTS:
     void translatableTextAppliesArguments();
 };
 
-void TestPlatformCore::replyIsAnsweredOnce()
+void TestVraxApi::replyIsAnsweredOnce()
 {
     LogCapture log;
     CMReply<QVariant> reply;
@@ -73,7 +73,7 @@ void TestPlatformCore::replyIsAnsweredOnce()
     QCOMPARE(log.messages(log4cplus::WARN_LOG_LEVEL).size(), 1);
 }
 
-void TestPlatformCore::lateWatcherRunsFromEventLoop()
+void TestVraxApi::lateWatcherRunsFromEventLoop()
 {
     CMReply<int> reply;
     reply.setValue(7);
@@ -89,7 +89,7 @@ void TestPlatformCore::lateWatcherRunsFromEventLoop()
     QVERIFY(!errorSeen);
 }
 
-void TestPlatformCore::watcherRunsOnReceiverThread()
+void TestVraxApi::watcherRunsOnReceiverThread()
 {
     QObject receiver;
     CMVoidReply reply;
@@ -102,7 +102,7 @@ void TestPlatformCore::watcherRunsOnReceiverThread()
     QTRY_COMPARE(ranOn.load(), QThread::currentThread());
 }
 
-void TestPlatformCore::watcherOfDestroyedReceiverIsDropped()
+void TestVraxApi::watcherOfDestroyedReceiverIsDropped()
 {
     CMVoidReply reply;
     bool ran = false;
@@ -115,7 +115,7 @@ void TestPlatformCore::watcherOfDestroyedReceiverIsDropped()
     QVERIFY(!ran);
 }
 
-void TestPlatformCore::cancelKeepsAnEarlierAnswer()
+void TestVraxApi::cancelKeepsAnEarlierAnswer()
 {
     LogCapture log;
     CMVoidReply done;
@@ -129,7 +129,7 @@ void TestPlatformCore::cancelKeepsAnEarlierAnswer()
     QCOMPARE(pending.error().name(), CMVoidReply::ErrorCancel());
 }
 
-void TestPlatformCore::settingsAreTypedAndWrittenBack()
+void TestVraxApi::settingsAreTypedAndWrittenBack()
 {
     TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("tok")},
                     {QStringLiteral("settings/orvello/outputChannels"), 2},
@@ -159,7 +159,7 @@ void TestPlatformCore::settingsAreTypedAndWrittenBack()
     QCOMPARE(reread.value(VraxOrvelloDeviceId()).string_(), QStringLiteral("dev-1"));
 }
 
-void TestPlatformCore::badSettingsFileIsRefused_data()
+void TestVraxApi::badSettingsFileIsRefused_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QString>("errorPart");
@@ -171,7 +171,7 @@ void TestPlatformCore::badSettingsFileIsRefused_data()
     QTest::newRow("null") << QByteArray("{\"settings/x\": null}") << QStringLiteral("only strings, integers and booleans");
 }
 
-void TestPlatformCore::badSettingsFileIsRefused()
+void TestVraxApi::badSettingsFileIsRefused()
 {
     QFETCH(QByteArray, content);
     QFETCH(QString, errorPart);
@@ -193,7 +193,7 @@ void TestPlatformCore::badSettingsFileIsRefused()
     QVERIFY(error.contains(QStringLiteral("does not exist")));
 }
 
-void TestPlatformCore::settingThatCannotBeWrittenIsReported_data()
+void TestVraxApi::settingThatCannotBeWrittenIsReported_data()
 {
     QTest::addColumn<QString>("damage");
     QTest::newRow("directory removed") << QStringLiteral("remove directory");
@@ -202,7 +202,7 @@ void TestPlatformCore::settingThatCannotBeWrittenIsReported_data()
 
 // The reply carries the error and the platform logs it: the module's own writers ignore the
 // reply, and a token that silently failed to save unpairs the device at the next start.
-void TestPlatformCore::settingThatCannotBeWrittenIsReported()
+void TestVraxApi::settingThatCannotBeWrittenIsReported()
 {
     QFETCH(QString, damage);
     TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("old")}});
@@ -242,7 +242,7 @@ void TestPlatformCore::settingThatCannotBeWrittenIsReported()
     QVERIFY(!t.platform().settings().setValue(CMPath(QStringLiteral("settings/a")), twoTypes, &error));
 }
 
-void TestPlatformCore::setValueRoutes()
+void TestVraxApi::setValueRoutes()
 {
     TestPlatform t;
     CMNodes nodes;
@@ -278,7 +278,7 @@ void TestPlatformCore::setValueRoutes()
     QVERIFY(goneReply.isError());
 }
 
-void TestPlatformCore::invokeDeliversQueuedToTheAction()
+void TestVraxApi::invokeDeliversQueuedToTheAction()
 {
     TestPlatform t;
     CMNodes nodes;
@@ -300,7 +300,7 @@ void TestPlatformCore::invokeDeliversQueuedToTheAction()
     QCOMPARE(noAction.error().text(), QStringLiteral("There is no action at test/none"));
 }
 
-void TestPlatformCore::signatureTexts_data()
+void TestVraxApi::signatureTexts_data()
 {
     QTest::addColumn<QString>("signature");
     QTest::addColumn<QString>("function");
@@ -318,7 +318,7 @@ void TestPlatformCore::signatureTexts_data()
     QTest::newRow("scope dropped") << "void Orvello::Thing::run()" << "Thing::run()" << "Orvello::Thing";
 }
 
-void TestPlatformCore::signatureTexts()
+void TestVraxApi::signatureTexts()
 {
     QFETCH(QString, signature);
     QFETCH(QString, function);
@@ -328,7 +328,7 @@ void TestPlatformCore::signatureTexts()
     QCOMPARE(trExtractContext(sig.constData()), context);
 }
 
-void TestPlatformCore::translatableTextAppliesArguments()
+void TestVraxApi::translatableTextAppliesArguments()
 {
     const TrString text(QStringLiteral("OPlayerLib"), "Error while initiating device pairing, error: %1", {TrArg(7)});
     QCOMPARE(text.toString(), QStringLiteral("Error while initiating device pairing, error: 7"));
@@ -340,5 +340,5 @@ void TestPlatformCore::translatableTextAppliesArguments()
     QCOMPARE(TrString(nullptr).toString(), QString());
 }
 
-QTEST_GUILESS_MAIN(TestPlatformCore)
-#include "tst_platform.moc"
+QTEST_GUILESS_MAIN(TestVraxApi)
+#include "tst_vraxapi.moc"
