@@ -38,7 +38,7 @@ public:
     void onInvoke(const CMSetDataRequest& request) { requests << request; }
 };
 
-class TestPlatformCore : public QObject
+class TestVraxApi : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
@@ -66,7 +66,7 @@ private Q_SLOTS:
     void translatableTextAppliesArguments();
 };
 
-void TestPlatformCore::replyIsAnsweredOnce()
+void TestVraxApi::replyIsAnsweredOnce()
 {
     LogCapture log;
     CMReply<QVariant> reply;
@@ -82,7 +82,7 @@ void TestPlatformCore::replyIsAnsweredOnce()
     QCOMPARE(log.messages(log4cplus::WARN_LOG_LEVEL).size(), 1);
 }
 
-void TestPlatformCore::lateWatcherRunsFromEventLoop()
+void TestVraxApi::lateWatcherRunsFromEventLoop()
 {
     CMReply<int> reply;
     reply.setValue(7);
@@ -98,7 +98,7 @@ void TestPlatformCore::lateWatcherRunsFromEventLoop()
     QVERIFY(!errorSeen);
 }
 
-void TestPlatformCore::watcherRunsOnReceiverThread()
+void TestVraxApi::watcherRunsOnReceiverThread()
 {
     QObject receiver;
     CMVoidReply reply;
@@ -111,7 +111,7 @@ void TestPlatformCore::watcherRunsOnReceiverThread()
     QTRY_COMPARE(ranOn.load(), QThread::currentThread());
 }
 
-void TestPlatformCore::watcherOfDestroyedReceiverIsDropped()
+void TestVraxApi::watcherOfDestroyedReceiverIsDropped()
 {
     CMVoidReply reply;
     bool ran = false;
@@ -124,7 +124,7 @@ void TestPlatformCore::watcherOfDestroyedReceiverIsDropped()
     QVERIFY(!ran);
 }
 
-void TestPlatformCore::cancelKeepsAnEarlierAnswer()
+void TestVraxApi::cancelKeepsAnEarlierAnswer()
 {
     LogCapture log;
     CMVoidReply done;
@@ -138,7 +138,7 @@ void TestPlatformCore::cancelKeepsAnEarlierAnswer()
     QCOMPARE(pending.error().name(), CMVoidReply::ErrorCancel());
 }
 
-void TestPlatformCore::settingsAreTypedAndWrittenBack()
+void TestVraxApi::settingsAreTypedAndWrittenBack()
 {
     TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("tok")},
                     {QStringLiteral("settings/orvello/outputChannels"), 2},
@@ -168,7 +168,7 @@ void TestPlatformCore::settingsAreTypedAndWrittenBack()
     QCOMPARE(reread.value(VraxOrvelloDeviceId()).string_(), QStringLiteral("dev-1"));
 }
 
-void TestPlatformCore::badSettingsFileIsRefused_data()
+void TestVraxApi::badSettingsFileIsRefused_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QString>("errorPart");
@@ -180,7 +180,7 @@ void TestPlatformCore::badSettingsFileIsRefused_data()
     QTest::newRow("null") << QByteArray("{\"settings/x\": null}") << QStringLiteral("only strings, integers and booleans");
 }
 
-void TestPlatformCore::badSettingsFileIsRefused()
+void TestVraxApi::badSettingsFileIsRefused()
 {
     QFETCH(QByteArray, content);
     QFETCH(QString, errorPart);
@@ -204,7 +204,7 @@ void TestPlatformCore::badSettingsFileIsRefused()
 
 // The settings hold the pairing token and the vendor secret: no rewrite makes them readable by
 // accounts that could not read them before, whatever the umask.
-void TestPlatformCore::settingsFileMode_data()
+void TestVraxApi::settingsFileMode_data()
 {
     QTest::addColumn<int>("umask");
     QTest::addColumn<int>("existingMode"); // -1: no file yet
@@ -218,7 +218,7 @@ void TestPlatformCore::settingsFileMode_data()
     QTest::newRow("a link to a 0640 file") << 0000 << 0640 << true << 0640;
 }
 
-void TestPlatformCore::settingsFileMode()
+void TestVraxApi::settingsFileMode()
 {
     QFETCH(int, umask);
     QFETCH(int, existingMode);
@@ -280,7 +280,7 @@ const QString kUnsavedLine = QStringLiteral(
     "with back-off, and at exit\\)$");
 } // namespace
 
-void TestPlatformCore::unwritableSettingIsKeptAndRetried_data()
+void TestVraxApi::unwritableSettingIsKeptAndRetried_data()
 {
     QTest::addColumn<QString>("damage");
     QTest::newRow("directory removed") << QStringLiteral("remove directory");
@@ -289,7 +289,7 @@ void TestPlatformCore::unwritableSettingIsKeptAndRetried_data()
 
 // A setting the file cannot take is in effect at once, reported once, and written by a retry
 // once the file can be written: a token saved while the disk was read-only survives the next start.
-void TestPlatformCore::unwritableSettingIsKeptAndRetried()
+void TestVraxApi::unwritableSettingIsKeptAndRetried()
 {
     QFETCH(QString, damage);
     TestPlatform t({{QStringLiteral("settings/orvello/token"), QStringLiteral("old")}});
@@ -345,7 +345,7 @@ void TestPlatformCore::unwritableSettingIsKeptAndRetried()
     QVERIFY(!unsaved);
 }
 
-void TestPlatformCore::unsavedSettingAtExit_data()
+void TestVraxApi::unsavedSettingAtExit_data()
 {
     QTest::addColumn<bool>("repaired");
     QTest::newRow("writable again by then") << true;
@@ -353,7 +353,7 @@ void TestPlatformCore::unsavedSettingAtExit_data()
 }
 
 // What no retry saved is written when the store goes (the host's exit), or reported lost.
-void TestPlatformCore::unsavedSettingAtExit()
+void TestVraxApi::unsavedSettingAtExit()
 {
     QFETCH(bool, repaired);
     QTemporaryDir dir;
@@ -388,7 +388,7 @@ void TestPlatformCore::unsavedSettingAtExit()
     }
 }
 
-void TestPlatformCore::setValueRoutes()
+void TestVraxApi::setValueRoutes()
 {
     TestPlatform t;
     CMNodes nodes;
@@ -424,7 +424,7 @@ void TestPlatformCore::setValueRoutes()
     QVERIFY(goneReply.isError());
 }
 
-void TestPlatformCore::invokeDeliversQueuedToTheAction()
+void TestVraxApi::invokeDeliversQueuedToTheAction()
 {
     TestPlatform t;
     CMNodes nodes;
@@ -446,7 +446,7 @@ void TestPlatformCore::invokeDeliversQueuedToTheAction()
     QCOMPARE(noAction.error().text(), QStringLiteral("There is no action at test/none"));
 }
 
-void TestPlatformCore::signatureTexts_data()
+void TestVraxApi::signatureTexts_data()
 {
     QTest::addColumn<QString>("signature");
     QTest::addColumn<QString>("function");
@@ -464,7 +464,7 @@ void TestPlatformCore::signatureTexts_data()
     QTest::newRow("scope dropped") << "void Orvello::Thing::run()" << "Thing::run()" << "Orvello::Thing";
 }
 
-void TestPlatformCore::signatureTexts()
+void TestVraxApi::signatureTexts()
 {
     QFETCH(QString, signature);
     QFETCH(QString, function);
@@ -474,7 +474,7 @@ void TestPlatformCore::signatureTexts()
     QCOMPARE(trExtractContext(sig.constData()), context);
 }
 
-void TestPlatformCore::translatableTextAppliesArguments()
+void TestVraxApi::translatableTextAppliesArguments()
 {
     const TrString text(QStringLiteral("OPlayerLib"), "Error while initiating device pairing, error: %1", {TrArg(7)});
     QCOMPARE(text.toString(), QStringLiteral("Error while initiating device pairing, error: 7"));
@@ -486,5 +486,5 @@ void TestPlatformCore::translatableTextAppliesArguments()
     QCOMPARE(TrString(nullptr).toString(), QString());
 }
 
-QTEST_GUILESS_MAIN(TestPlatformCore)
-#include "tst_platform.moc"
+QTEST_GUILESS_MAIN(TestVraxApi)
+#include "tst_vraxapi.moc"

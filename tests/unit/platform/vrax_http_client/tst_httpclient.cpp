@@ -100,7 +100,7 @@ void tst_HttpClient::initTestCase()
     QVERIFY(small.open(QIODevice::WriteOnly));
     QCOMPARE(small.write(m_library.left(kSmallLibrary)), qint64(kSmallLibrary));
     small.close();
-    m_service = std::make_unique<OrvelloServiceProcess>();
+    m_service = std::make_unique<OrvelloServiceProcess>(QStringLiteral(ORVELLO_SERVICE_PATH));
     QString error;
     QVERIFY2(m_service->start({"--dir", m_dir.path(), "--version", "1.0.0", "--library", "lib.so"}, &error),
              qPrintable(error));

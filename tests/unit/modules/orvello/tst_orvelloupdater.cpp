@@ -119,10 +119,9 @@ void tst_OrvelloUpdater::init()
 void tst_OrvelloUpdater::setUp(const QString& current, const QString& offered, const QStringList& faults,
                                int intervalSeconds, bool withUrl)
 {
-    m_service = std::make_unique<OrvelloServiceProcess>();
-    QStringList args{"--dir",         m_libraryDir.path(),      "--version",           offered,
-                     "--library",     "liboplayer-1.so",        "--signing-key",       ORVELLO_TEST_SIGNING_KEY,
-                     "--other-signing-key", ORVELLO_OTHER_SIGNING_KEY};
+    m_service = std::make_unique<OrvelloServiceProcess>(QStringLiteral(ORVELLO_SERVICE_PATH));
+    QStringList args = QStringList{"--dir", m_libraryDir.path(), "--version", offered, "--library", "liboplayer-1.so"}
+                       + OrvelloServiceProcess::testKeyArguments();
     for (const QString& fault : faults)
         args << "--fail" << fault;
     QString error;

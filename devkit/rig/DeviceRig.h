@@ -10,6 +10,8 @@
 
 #include <memory>
 
+class OrvelloServiceProcess;
+
 // Runs an emulated device for scripts and end-to-end tests: the update service emulator and
 // vrax-host as child processes, with the host's control API as a client. Children never outlive
 // the rig (the service stops when its standard input closes; the host is stopped on destruction).
@@ -40,14 +42,14 @@ public:
     // Where the module looks for a library in a developer build tree, seen from the data directory.
     QString devTreeLibraryPath() const;
 
-    // Starts orvello-service offering version with the library file (copied into the service's
-    // directory), signing its documents with the repository's test key (devkit/keys; the
-    // second test key is there for the signature-other-key mode). arguments are added to its
-    // command line (--fail MODE, --port N). A service already running is stopped first. False
-    // with the reason in error.
+    // Starts orvello-service (OrvelloServiceProcess) offering version with the library file
+    // (copied into the service's directory), signing its documents with the repository's test
+    // keys. arguments are added to its command line (--fail MODE, --port N). A service already
+    // running is stopped first. Its log goes to WORKDIR/service.log. False with the reason in error.
     bool startService(const QString& version, const QString& libraryFile, QString* error,
                       const QStringList& arguments = {});
-    int servicePort() const { return m_servicePort; }
+    // The service's port, 0 before it started; a killed service keeps its port.
+    int servicePort() const;
     QString versionUrl() const;
     // The directory the service serves files from.
     QString serviceDir() const;
@@ -93,8 +95,6 @@ public:
 
 private:
     Answer request(const QByteArray& method, const QString& path, const QByteArray& body);
-    Answer serviceRequest(const QByteArray& method, const QString& path, const QByteArray& body);
-    Answer send(int port, const QByteArray& method, const QString& path, const QByteArray& body);
     bool launchHost(QString* error);
     int finishedHostCode();
     void readHostLog();
@@ -102,9 +102,8 @@ private:
 
     Paths m_paths;
     QString m_workDir;
-    std::unique_ptr<QProcess> m_service;
+    std::unique_ptr<OrvelloServiceProcess> m_service;
     std::unique_ptr<QProcess> m_host;
-    int m_servicePort = 0;
     int m_controlPort = 0;
     QStringList m_extraHostArguments;
     QStringList m_hostArguments;

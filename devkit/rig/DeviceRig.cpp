@@ -1,49 +1,15 @@
 #include "DeviceRig.h"
 
+#include "Loopback.h"
+#include "OrvelloServiceProcess.h"
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
-#include <QRegularExpression>
 #include <QThread>
-#include <QTimer>
-
-namespace {
-constexpr int kStartTimeoutMs = 15000;
-constexpr int kRequestTimeoutMs = 40000;
-
-// Waits for the first line of a child's standard output and returns the port it names.
-int readListeningPort(QProcess* process, const QString& prefix, QString* error)
-{
-    QDeadlineTimer deadline(kStartTimeoutMs);
-    while (!process->canReadLine()) {
-        if (process->state() == QProcess::NotRunning || !process->waitForReadyRead(int(deadline.remainingTime()))) {
-            if (process->state() == QProcess::NotRunning || deadline.hasExpired()) {
-                const QString how = process->state() != QProcess::NotRunning ? QStringLiteral("still starting")
-                                    : process->exitStatus() == QProcess::CrashExit
-                                        ? QStringLiteral("crashed")
-                                        : QStringLiteral("exit status %1").arg(process->exitCode());
-                *error = QStringLiteral("%1 did not start (%2): %3")
-                             .arg(process->program(), how, QString::fromLocal8Bit(process->readAllStandardError().trimmed()));
-                return 0;
-            }
-        }
-    }
-    const QString line = QString::fromLocal8Bit(process->readLine()).trimmed();
-    const QRegularExpressionMatch match = QRegularExpression(prefix + QStringLiteral(" 127\\.0\\.0\\.1:(\\d+)$")).match(line);
-    if (!match.hasMatch()) {
-        *error = QStringLiteral("%1 said '%2' instead of where it listens").arg(process->program(), line);
-        return 0;
-    }
-    return match.captured(1).toInt();
-}
-} // namespace
 
 QString DeviceRig::Answer::errorMessage() const
 {
@@ -64,22 +30,18 @@ DeviceRig::~DeviceRig()
 
 void DeviceRig::stopService()
 {
-    if (!m_service)
-        return;
-    m_service->closeWriteChannel();
-    if (!m_service->waitForFinished(5000))
-        m_service->kill();
-    m_service->waitForFinished(5000);
     m_service.reset();
 }
 
 void DeviceRig::killService()
 {
-    if (!m_service)
-        return;
-    m_service->kill();
-    m_service->waitForFinished(5000);
-    m_service.reset();
+    if (m_service)
+        m_service->kill();
+}
+
+int DeviceRig::servicePort() const
+{
+    return m_service ? m_service->port() : 0;
 }
 
 QString DeviceRig::dataDir() const
@@ -109,21 +71,16 @@ bool DeviceRig::startService(const QString& version, const QString& libraryFile,
         *error = QStringLiteral("cannot copy %1 for the service").arg(libraryFile);
         return false;
     }
-    m_service = std::make_unique<QProcess>();
-    m_service->setProcessChannelMode(QProcess::SeparateChannels);
-    m_service->setStandardErrorFile(m_workDir + QStringLiteral("/service.log"));
-    m_service->start(m_paths.service, QStringList{QStringLiteral("--dir"), dir, QStringLiteral("--version"), version,
-                                                  QStringLiteral("--library"), name, QStringLiteral("--stop-on-eof"),
-                                                  QStringLiteral("--signing-key"), QStringLiteral(ORVELLO_TEST_SIGNING_KEY),
-                                                  QStringLiteral("--other-signing-key"), QStringLiteral(ORVELLO_OTHER_SIGNING_KEY)}
-                                          + arguments);
-    m_servicePort = readListeningPort(m_service.get(), QStringLiteral("listening on"), error);
-    return m_servicePort != 0;
+    m_service = std::make_unique<OrvelloServiceProcess>(m_paths.service, m_workDir + QStringLiteral("/service.log"));
+    return m_service->start(QStringList{QStringLiteral("--dir"), dir, QStringLiteral("--version"), version,
+                                        QStringLiteral("--library"), name}
+                                + OrvelloServiceProcess::testKeyArguments() + arguments,
+                            error);
 }
 
 QString DeviceRig::versionUrl() const
 {
-    return QStringLiteral("http://127.0.0.1:%1/config.json").arg(m_servicePort);
+    return QStringLiteral("http://127.0.0.1:%1/config.json").arg(servicePort());
 }
 
 bool DeviceRig::startHost(const QVariantHash& settings, const QString& audioOut, const QString& pace,
@@ -254,33 +211,12 @@ bool DeviceRig::waitForLog(const QString& text, int timeoutMs)
 
 DeviceRig::Answer DeviceRig::request(const QByteArray& method, const QString& path, const QByteArray& body)
 {
-    return send(m_controlPort, method, path, body);
-}
-
-DeviceRig::Answer DeviceRig::serviceRequest(const QByteArray& method, const QString& path, const QByteArray& body)
-{
-    return send(m_servicePort, method, path, body);
-}
-
-DeviceRig::Answer DeviceRig::send(int port, const QByteArray& method, const QString& path, const QByteArray& body)
-{
-    QNetworkAccessManager manager;
-    QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(port).arg(path)));
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
-    QNetworkReply* reply = manager.sendCustomRequest(request, method, body);
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    QTimer::singleShot(kRequestTimeoutMs, &loop, &QEventLoop::quit);
-    loop.exec();
+    const LoopbackReply reply = loopbackRequest(m_controlPort, method, path, body);
+    const QJsonDocument document = QJsonDocument::fromJson(reply.body);
     Answer answer;
-    if (reply->isFinished()) {
-        answer.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        const QJsonDocument document = QJsonDocument::fromJson(reply->readAll());
-        answer.body = document.object();
-        answer.array = document.array();
-    }
-    reply->abort();
-    delete reply;
+    answer.status = reply.status;
+    answer.body = document.object();
+    answer.array = document.array();
     return answer;
 }
 
@@ -301,19 +237,19 @@ DeviceRig::Answer DeviceRig::setValue(const QString& path, const QJsonValue& val
 
 bool DeviceRig::setServiceState(const QJsonObject& change, QString* error)
 {
-    const Answer answer = serviceRequest("POST", QStringLiteral("/admin/state"), QJsonDocument(change).toJson(QJsonDocument::Compact));
-    if (!answer.ok())
-        *error = QStringLiteral("the service refused %1: %2 %3")
-                     .arg(QString::fromUtf8(QJsonDocument(change).toJson(QJsonDocument::Compact)))
-                     .arg(answer.status)
-                     .arg(answer.body.value(QStringLiteral("error")).toString());
-    return answer.ok();
+    if (!m_service) {
+        *error = QStringLiteral("the service was never started");
+        return false;
+    }
+    return m_service->setState(change, error);
 }
 
 QJsonArray DeviceRig::serviceRequests(bool* ok)
 {
-    const Answer answer = serviceRequest("GET", QStringLiteral("/admin/requests"), QByteArray());
-    if (ok)
-        *ok = answer.ok();
-    return answer.array;
+    if (!m_service) {
+        if (ok)
+            *ok = false;
+        return QJsonArray();
+    }
+    return m_service->requests(ok);
 }
