@@ -9,8 +9,9 @@
 //
 //   bench_soak --results DIR --work-dir DIR [--minutes N] [--track-seconds S] [--tracks-per-swap N]
 //              [--fault-every S] [--stop-every S] [--pause-every S]
-#include "DeviceRig.h"
+#include "BenchRig.h"
 #include "ProcStat.h"
+#include "Stats.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -64,9 +65,6 @@ constexpr qint64 kHoldNs = 2 * kS;            // a stop or a pause lasts this lo
 constexpr qint64 kAudioAgainNs = 10 * kS;     // after play, audio should be back by then
 constexpr qint64 kStuckNs = 30 * kS;          // silence after which the soak presses play
 constexpr qint64 kGiveUpNs = 60 * kS;         // and after which it restarts the host
-
-const DeviceRig::Paths kPaths{QStringLiteral(VRAX_HOST_PATH), QStringLiteral(ORVELLO_MODULE_PATH),
-                              QStringLiteral(ORVELLO_SERVICE_PATH)};
 
 volatile std::sig_atomic_t s_interrupted = 0;
 
@@ -122,26 +120,9 @@ ProcessSample sampleProcess(qint64 pid)
     if (s.rssKiB < 0)
         return s;
     s.threads = int(bench::statusValue(pid, "Threads:"));
-    s.fds = int(QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System).size());
-    s.cpuSeconds = bench::cpuSeconds(bench::statFields(QStringLiteral("/proc/%1/stat").arg(pid)));
+    s.fds = bench::openFileDescriptors(pid);
+    s.cpuSeconds = bench::processCpuSeconds(pid);
     return s;
-}
-
-QString loadAverage()
-{
-    QFile file(QStringLiteral("/proc/loadavg"));
-    return file.open(QIODevice::ReadOnly) ? QString::fromLatin1(file.readAll()).section(QLatin1Char(' '), 0, 2) : QString();
-}
-
-QString cpuModel()
-{
-    QFile file(QStringLiteral("/proc/cpuinfo"));
-    if (!file.open(QIODevice::ReadOnly))
-        return QString();
-    for (const QByteArray& line : file.readAll().split('\n'))
-        if (line.startsWith("model name"))
-            return QString::fromUtf8(line.mid(line.indexOf(':') + 1)).trimmed();
-    return QString();
 }
 
 // ---- files another process appends to ---------------------------------------------------------
@@ -468,9 +449,9 @@ const Library& Soak::otherThan(const QString& version) const
 
 bool Soak::start(QString* error)
 {
-    m_libraries[0] = {QStringLiteral("1.0.0"), QStringLiteral("liboplayer-1.0.0.so"), QStringLiteral(OPLAYER_REF_1_0_0)};
-    m_libraries[1] = {QStringLiteral("1.1.0"), QStringLiteral("liboplayer-1.1.0.so"), QStringLiteral(OPLAYER_REF_1_1_0)};
-    m_rig = std::make_unique<DeviceRig>(kPaths, m_work);
+    m_libraries[0] = {QStringLiteral("1.0.0"), QStringLiteral("liboplayer-1.0.0.so"), bench::referenceLibrary(QStringLiteral("1.0.0"))};
+    m_libraries[1] = {QStringLiteral("1.1.0"), QStringLiteral("liboplayer-1.1.0.so"), bench::referenceLibrary(QStringLiteral("1.1.0"))};
+    m_rig = std::make_unique<DeviceRig>(bench::devicePaths(), m_work);
     // A download left behind would be installed as an update when the module starts.
     QFile::remove(QStringLiteral("/tmp/orvello/liboplayer-1.so"));
     const QString devTree = m_rig->devTreeLibraryPath();
@@ -1279,8 +1260,6 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
     const double cores = minutes > 0 ? (m_cpuSeconds - m_cpuBase) / (minutes * 60) : std::nan("");
     const int downloads = m_downloadsBefore + m_downloadsNow;
 
-    utsname un{};
-    uname(&un);
     std::ostringstream md;
     md << "# Soak: the device played for " << num(minutes, 3) << " minutes at fast pace\n\n"
        << "Written by `./dev soak` (bench/bench_soak.cpp). vrax-host ran liborvello.so with oplayer-ref at `--pace fast` "
@@ -1290,9 +1269,8 @@ bool Soak::writeReport(const QString& results, const QString& startLoad, const Q
        << " s.\n\n";
     md << "| | |\n|---|---|\n"
        << "| date | " << started.toString(Qt::ISODate) << " |\n"
-       << "| machine | " << QThread::idealThreadCount() << " cores, " << cpuModel() << ", " << un.sysname << ' ' << un.release
-       << " |\n"
-       << "| load average at start / end | " << startLoad << " / " << loadAverage() << " |\n"
+       << "| machine | " << bench::machine() << " |\n"
+       << "| load average at start / end | " << startLoad << " / " << bench::loadAverage() << " |\n"
        << "| build | Release, GCC " << __VERSION__ << " |\n"
        << "| tracks | " << num(m_options.trackSeconds) << " s each (`OPLAYER_REF_TRACK_SECONDS`), 44.1 kHz 16-bit stereo |\n"
        << "| update checks | every second |\n\n";
@@ -1591,7 +1569,7 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 
-    const QString startLoad = loadAverage();
+    const QString startLoad = bench::loadAverage();
     const QDateTime started = QDateTime::currentDateTimeUtc();
     Soak soak(options, work);
     QString error;
