@@ -91,6 +91,17 @@ double cpuSecondsOf(qint64 pid)
     return seconds;
 }
 
+std::map<QString, double> threadCpuPerSecond(const std::map<QString, double>& before,
+                                             const std::map<QString, double>& after, double seconds)
+{
+    std::map<QString, double> perSecond;
+    for (const auto& [name, cpu] : after) {
+        const auto earlier = before.find(name);
+        perSecond[name] = (cpu - (earlier == before.end() ? 0.0 : earlier->second)) / seconds;
+    }
+    return perSecond;
+}
+
 qint64 statusKiB(qint64 pid, const char* key)
 {
     const qint64 kiB = statusValue(pid, key);

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <map>
 #include <memory>
 
 namespace bench {
@@ -72,6 +73,11 @@ double pipelineValue(DeviceRig& rig, const char* key);
 int playState(DeviceRig& rig);
 // Stops the host; fails unless it stopped cleanly.
 void stopHost(DeviceRig& rig);
+
+// CPU seconds per second of each thread name between two threadCpuSeconds readings; a thread that
+// began in between counts from zero.
+std::map<QString, double> threadCpuPerSecond(const std::map<QString, double>& before,
+                                             const std::map<QString, double>& after, double seconds);
 
 // processCpuSeconds, and a "Vm..." line of /proc/PID/status in KiB; fail when they cannot be read.
 double cpuSecondsOf(qint64 pid);

@@ -33,10 +33,7 @@ RealtimeRun realtimeRun(Bench& bench, int i, bool memory)
     wait(20000);
     run.idleWindowS = double(nowNs() - idleStart) / 1e9;
     run.idleCpuPerSecond = (cpuSecondsOf(pid) - idleCpu0) / run.idleWindowS;
-    for (const auto& [name, cpu] : threadCpuSeconds(pid)) {
-        const auto before = idleThreads0.find(name);
-        run.idleThreadCpuPerSecond[name] = (cpu - (before == idleThreads0.end() ? 0.0 : before->second)) / run.idleWindowS;
-    }
+    run.idleThreadCpuPerSecond = threadCpuPerSecond(idleThreads0, threadCpuSeconds(pid), run.idleWindowS);
     run.idleGrowthKiB = statusKiB(pid, "VmRSS:") - idleRss0;
     run.idlePeakKiB = statusKiB(pid, "VmHWM:");
     // waitForFinished() is false for a process that has already finished.
@@ -85,10 +82,7 @@ RealtimeRun realtimeRun(Bench& bench, int i, bool memory)
     const std::map<QString, double> threads1 = threadCpuSeconds(pid);
     run.playedSeconds = pipelineValue(*rig, "seconds") - played0;
     run.playCpuPerSecond = (cpu1 - cpu0) / run.playedSeconds;
-    for (const auto& [name, cpu] : threads1) {
-        const auto before = threads0.find(name);
-        run.threadCpuPerSecond[name] = (cpu - (before == threads0.end() ? 0.0 : before->second)) / run.playedSeconds;
-    }
+    run.threadCpuPerSecond = threadCpuPerSecond(threads0, threads1, run.playedSeconds);
     run.peakKiB = statusKiB(pid, "VmHWM:");
     run.underrunsPlaying = pipelineValue(*rig, "underruns") - run.underrunsPaused;
     stopHost(*rig);

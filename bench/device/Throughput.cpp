@@ -51,10 +51,7 @@ FastRun fastRun(Bench& bench, int i)
     const double seconds = double(b.ns - a.ns) / 1e9;
     run.bytesPerSecond = (b.bytes - a.bytes) / seconds;
     run.cores = (b.cpu - a.cpu) / seconds;
-    for (const auto& [name, cpu] : b.threads) {
-        const auto before = a.threads.find(name);
-        run.threadCores[name] = (cpu - (before == a.threads.end() ? 0.0 : before->second)) / seconds;
-    }
+    run.threadCores = threadCpuPerSecond(a.threads, b.threads, seconds);
     return run;
 }
 
