@@ -12,6 +12,10 @@ namespace bench {
 // The bytes of a second of 44.1 kHz 16-bit stereo audio.
 constexpr double kBytesPerSecond = 44100.0 * 2 * 2;
 
+// Nanoseconds in a millisecond and in a second.
+constexpr qint64 kMs = 1000000;
+constexpr qint64 kS = 1000 * kMs;
+
 // std::chrono::steady_clock in nanoseconds: CLOCK_MONOTONIC, the clock of the traces.
 qint64 nowNs();
 
