@@ -3,9 +3,7 @@
 #include "ProcStat.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QRegularExpression>
 #include <QThread>
