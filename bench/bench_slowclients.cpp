@@ -5,7 +5,7 @@
 //   bench_slowclients --work-dir DIR [--clients N] [--wait SECONDS] [--interval MS]
 //
 // Run it in a private /tmp (tests/support/private-tmp): the host is a whole device.
-#include "DeviceRig.h"
+#include "BenchRig.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -24,9 +24,6 @@
 #include <vector>
 
 namespace {
-
-const DeviceRig::Paths kPaths{QStringLiteral(VRAX_HOST_PATH), QStringLiteral(ORVELLO_MODULE_PATH),
-                              QStringLiteral(ORVELLO_SERVICE_PATH)};
 
 struct Options
 {
@@ -158,9 +155,9 @@ int main(int argc, char** argv)
     options.intervalMs = std::max(1, parser.value(interval).toInt());
 
     QDir(parser.value(workDir)).removeRecursively();
-    DeviceRig rig(kPaths, parser.value(workDir));
+    DeviceRig rig(bench::devicePaths(), parser.value(workDir));
     QString error;
-    if (!rig.startService(QStringLiteral("1.0.0"), QStringLiteral(OPLAYER_REF_1_0_0), &error)
+    if (!rig.startService(QStringLiteral("1.0.0"), bench::referenceLibrary(QStringLiteral("1.0.0")), &error)
         || !rig.startHost({{QStringLiteral("settings/orvello/versionUrl"), rig.versionUrl()}}, QStringLiteral("null"),
                           QStringLiteral("fast"), {}, &error)) {
         std::fprintf(stderr, "bench_slowclients: %s\n", qPrintable(error));

@@ -1,6 +1,6 @@
 # The report's picture: RSS of vrax-host while playing (it must stay flat), what the pipeline
 # read around the update swap, and memory over many swaps and hours of audio. ./dev bench runs it as
-#   gnuplot -e "work='DIR'; out='FILE.png'" bench/plot.gp
+#   gnuplot -e "work='DIR'; out='FILE.png'" bench/device/plot.gp
 # with DIR holding bench_device's rss.dat, swap.dat, swaps.dat, heap.dat and hours.dat.
 set terminal pngcairo size 1200,900 noenhanced
 set output out

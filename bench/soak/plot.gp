@@ -1,6 +1,6 @@
 # The soak report's picture: vrax-host's memory, descriptors and threads, the audio played and
 # what happened to it, over the run. ./dev soak runs it as
-#   gnuplot -e "work='DIR'; out='FILE.png'" bench/soak.gp
+#   gnuplot -e "work='DIR'; out='FILE.png'" bench/soak/plot.gp
 # with DIR holding bench_soak's soak.dat.
 set terminal pngcairo size 1200,800 noenhanced
 set output out
