@@ -89,11 +89,11 @@ static int ref_set_volume(oplayer* p, int volume)
     if (!p || volume < 0 || volume > 100)
         return 0;
     pthread_mutex_lock(&p->mutex);
-    if (volume != p->volume) {
-        p->volume = volume;
-        p->volume_to_announce = volume;
-        pthread_cond_broadcast(&p->cond);
-    }
+    /* The device knows what it set: announcing it back would race the device's next change and
+     * could win, turning the volume back to a value the person already left. The device's
+     * value is also newer than a service-side change still waiting to be announced. */
+    p->volume = volume;
+    p->volume_to_announce = -1;
     pthread_mutex_unlock(&p->mutex);
     return 1;
 }

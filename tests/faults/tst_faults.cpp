@@ -124,7 +124,7 @@ const std::vector<Fault> kFaults = {
     {"pause-toggles", "21 pause toggles back to back, then one more", "settles paused and quiet or playing and heard, and the next toggle turns it over", pauseToggles, nullptr, AlsoAsan},
     {"stop-across-swap", "the device's stop while a verified 1.1.0 waits for the end of a 10-minute song", "1.1.0 swapped in, 12 s without a sound, state 0, one INFO line; then play: 1.1.0 plays", quietAcrossSwap(false), nullptr, AlsoAsan},
     {"pause-across-swap", "the device's pause while a verified 1.1.0 waits for the end of a 10-minute song", "1.1.0 swapped in, 12 s without a sound, state 3, one INFO line; then play: 1.1.0 plays", quietAcrossSwap(true), nullptr, AlsoAsan},
-    {"odd-volumes", "volumes 150, -5, \"loud\", 50.5, null, true, 1e10, then 0, 100, 35", "the odd ones refused with 400 and the volume unchanged; plays on", oddVolumes, nullptr, AlsoAsan},
+    {"odd-volumes", "volumes 150, -5, \"loud\", 50.5, null, true, 1e10, then 0, 100 and a drag from 60 to 35", "the odd ones refused with 400 and the volume unchanged; plays on; 35, the last, holds", oddVolumes, nullptr, AlsoAsan},
     {"odd-pairing-codes", "codes empty, short, long, non-ASCII, control characters, 10,000 letters, refused, a number, 100,000 digits", "each answered 200 or 422, then a good code pairs and plays", oddPairingCodes, nullptr, AlsoAsan},
     {"two-codes-at-once", "two pairing codes sent together", "both answered, the device plays", twoCodesAtOnce, nullptr, AlsoAsan},
     // The audio socket: a local program that is not an audio sender. Survival: every play is heard

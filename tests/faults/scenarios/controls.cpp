@@ -101,8 +101,16 @@ void oddVolumes(FaultDevice& d)
     const int after = d.rig().get(QStringLiteral("/api/volume")).body.value(QStringLiteral("volume")).toInt();
     if (after != before)
         d.fail(QStringLiteral("refused volumes moved the volume from %1 to %2").arg(before).arg(after));
-    for (const int volume : {0, 100, 35})
+    // 0, 100, then a slider dragged down from 60 to 35: the last value the person chose holds,
+    // whatever the library announces on its own thread in the meantime.
+    QList<int> volumes{0, 100};
+    for (int volume = 60; volume >= 35; --volume)
+        volumes << volume;
+    for (const int volume : volumes)
         expectAnswer(d, d.rig().post(QStringLiteral("/api/volume"), {{QStringLiteral("volume"), volume}}),
                      QStringLiteral("volume %1").arg(volume));
     d.expectKeepsPlaying(3000, QStringLiteral("the volume changes"));
+    const int held = d.rig().get(QStringLiteral("/api/volume")).body.value(QStringLiteral("volume")).toInt();
+    if (held != 35)
+        d.fail(QStringLiteral("the volume is %1 3 s after the person left it at 35").arg(held));
 }

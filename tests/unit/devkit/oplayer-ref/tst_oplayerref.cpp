@@ -129,14 +129,16 @@ private Q_SLOTS:
         QCOMPARE(track.trackRoles().icon(), QStringLiteral("https://art.oplayer-ref.invalid/1.png"));
         QCOMPARE(track.status().duration(), 2000LL);
 
+        // The device's own volume is not echoed: an echo in flight could undo its next change.
         QVERIFY(lib.playbackApi()->setVolume(30));
         QCOMPARE(lib.playbackApi()->getVolume(), 30);
-        QTRY_COMPARE(announced.volumes, QList<int>{30});
         QVERIFY(lib.playbackApi()->pause());
         QTRY_COMPARE(announced.pauses, (QList<bool>{false, true}));
         QVERIFY(lib.playbackApi()->isPaused());
         stopLibrary(lib);
         QCOMPARE(sink.shutdowns.load(), 1);
+        QCoreApplication::processEvents();
+        QCOMPARE(announced.volumes, QList<int>{});
     }
 
     void unconsumedAudioIsOfferedAgain()
