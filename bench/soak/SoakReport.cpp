@@ -82,6 +82,13 @@ bool writeSoakReport(const Soak& soak, const QString& results, const QString& st
         upward += s.to == r.libraries[1].version;
     const double cores = minutes > 0 ? (r.cpuSeconds - r.cpuBase) / (minutes * 60) : std::nan("");
     const int downloads = r.downloadsBefore + r.downloadsNow;
+    // Downloads answered 200 that the device could not use: cut short, over the size limit, or
+    // not the file the document described. Each is fetched again while its fault holds.
+    int spoiled = 0;
+    for (const auto& [key, count] : r.lines)
+        if ((key.startsWith(QLatin1String("ERROR Downloading library failed: ")) && !key.contains(QLatin1String("refused")))
+            || key == QLatin1String("ERROR Failed to verify downlaoded library"))
+            spoiled += count.count;
 
     std::ostringstream md;
     md << "# Soak: the device played for " << num(minutes, 3) << " minutes at fast pace\n\n"
@@ -110,6 +117,9 @@ bool writeSoakReport(const Soak& soak, const QString& results, const QString& st
        << "| library downloads per swap | **" << num(downloads / std::max<double>(1, double(r.swaps.size())), 3)
        << "** (" << (r.requestLogsMissed ? "at least " : "") << downloads
        << " downloads answered 200 in the service's request log, for " << r.swaps.size() << " swaps) |\n"
+       << "| library downloads per swap, leaving out those a fault spoiled | **"
+       << num((downloads - spoiled) / std::max<double>(1, double(r.swaps.size())), 3) << "** (" << spoiled
+       << " spoiled: cut short, over the size limit or failing verification) |\n"
        << "| rollbacks | " << r.rollbacks << " |\n"
        << "| \"No player library is running\" | " << r.noLibrary << " |\n"
        << "| faults injected | **" << r.faults.size() << "** (by kind below) |\n"
@@ -250,7 +260,9 @@ bool writeSoakReport(const Soak& soak, const QString& results, const QString& st
        << "- **Downloads per swap**: the requests for a library file (`/files/...`) that orvello-service answered "
           "with 200, from its request log (`GET /admin/requests`, read before the soak kills the service and at the "
           "end), divided by the swaps. Downloads spoiled by a fault after the status (truncated, oversized, "
-          "stalled) count: they cost the bandwidth all the same.\n"
+          "stalled) count: they cost the bandwidth all the same. The second row leaves out the downloads the host's "
+          "log says it could not use (\"Downloading library failed: \" other than a refused connection, and \"Failed "
+          "to verify downlaoded library\"): 1 means no good download was fetched twice.\n"
        << "- **Music playing again during the soak's stop or pause**: audio read by the pipeline more than 500 ms "
           "after the soak's stop or pause and before its play or second pause.\n"
        << "- **Faults** take turns, one every " << options.faultEverySeconds << " s after the last was cleared, "
