@@ -328,6 +328,13 @@ int main(int argc, char** argv)
     }
     const int code = rig.stopHost();
     say(QStringLiteral("device"), QStringLiteral("stopped (exit code %1)").arg(code));
+    // The device's own log, for whoever wants to know why the story above went as it did.
+    const QString logPath = work + QStringLiteral("/device.log");
+    QFile logFile(logPath);
+    if (logFile.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        logFile.write((rig.hostLog().join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8());
+    else
+        std::fprintf(stderr, "orvello-demo: cannot write the device's log to %s\n", qPrintable(logPath));
 
     std::printf("\nSummary\n");
     std::printf("  audio received  %.1f s (%d Hz, %d channels, %s)\n", pipeline.value(QStringLiteral("seconds")).toDouble(),
@@ -341,5 +348,6 @@ int main(int argc, char** argv)
                                                                : qPrintable(acrossSwap));
     std::printf("  underruns       %d\n", pipeline.value(QStringLiteral("underruns")).toInt());
     std::printf("  sequences       %d\n", pipeline.value(QStringLiteral("sequences")).toInt());
+    std::printf("  device log      %s\n", qPrintable(logPath));
     return code == 0 && versions.size() == 2 ? 0 : 1;
 }

@@ -4,6 +4,8 @@
 #include "TestFiles.h"
 #include "TestPlatform.h"
 
+#include "vrax/vraxpaths.h"
+
 #include <QSignalSpy>
 #include <QTemporaryFile>
 #include <QTest>
@@ -139,6 +141,28 @@ private Q_SLOTS:
         QCOMPARE(sink.shutdowns.load(), 1);
         QCoreApplication::processEvents();
         QCOMPARE(announced.volumes, QList<int>{});
+    }
+
+    // An update verified while the device waits for its pairing code: the track the pairing
+    // starts is the song whose end the swap waits for, not an idle library to end at once.
+    void exitAskedBeforePairingWaitsForTheFirstTrack()
+    {
+        TestPlatform platform;
+        QVERIFY(placeLibrary(QStringLiteral(OPLAYER_REF_1_0_0), kInstalledPath));
+        OPlayerLib lib(initParams());
+        QVERIFY(lib.ok());
+        AudioSink sink(lib.playbackApi());
+        QSignalSpy ended(&lib, &OPlayerLib::endOfLoop);
+        CMVoidReply reply;
+        VraxValue code;
+        code.setString_(QStringLiteral("ORVELO"));
+        lib.pair(CMSetDataRequest(VraxOrvelloSetPairCode(), QStringLiteral("value"), code.toVariant(), reply));
+        lib.requestExit();
+        QTRY_VERIFY_WITH_TIMEOUT(!ended.isEmpty(), 10000);
+        QVERIFY(reply.isFinished() && !reply.isError());
+        QCOMPARE(sink.inits.load(), 1);
+        QCOMPARE(sink.consumed.load(), 2ul * 44100 * 2); // the whole first track, and no more
+        unloadLibrary(lib);
     }
 
     void unconsumedAudioIsOfferedAgain()
