@@ -93,6 +93,13 @@ static inline int ref_pairing_due(const oplayer* p, const struct timespec* at)
     return p->pairing_active && !ref_before(at, &p->pairing_due);
 }
 
+/* With the mutex held. A song asked for counts from the moment it is asked for, before the
+ * audio thread starts it: the host sees one state whichever thread runs first. */
+static inline int ref_song_on(const oplayer* p)
+{
+    return (p->started || p->start_requested) && !p->paused;
+}
+
 /* position.c */
 /* Reads where the station was and sets the track to go on with; a station without a usable
  * position starts at its first track. Notes on standard error say which. */

@@ -175,16 +175,14 @@ static void ref_get_version(void* reserved, char* buffer, size_t size)
 
 /* Called with the mutex held. Only a playing song delays an exit at the end of the song; idle
  * or paused, the loop ends at once, unless a pairing outcome is still to be collected: the
- * host keeps polling the instance that started the pairing, so that instance stays until then.
- * A song asked for (by a pairing or a play) counts as playing before the audio thread starts
- * it: otherwise whichever thread ran first decided whether it played at all. */
+ * host keeps polling the instance that started the pairing, so that instance stays until then. */
 static int exit_now(const oplayer* p)
 {
     if (!p->exit_mode || p->loop_ended)
         return 0;
     if (p->exit_mode != OPLAYER_EXIT_AT_END_OF_SONG)
         return 1;
-    return (!(p->started || p->start_requested) || p->paused) && !p->pairing_active;
+    return !ref_song_on(p) && !p->pairing_active;
 }
 
 static int ref_run_once(oplayer* p)

@@ -104,7 +104,7 @@ static int ref_is_paused(oplayer* p)
     if (!p)
         return 1;
     pthread_mutex_lock(&p->mutex);
-    paused = !(p->started || p->start_requested) || p->paused || p->loop_ended;
+    paused = !ref_song_on(p) || p->loop_ended;
     pthread_mutex_unlock(&p->mutex);
     return paused;
 }
